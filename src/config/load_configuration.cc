@@ -1,0 +1,116 @@
+#include "config/load_configuration.h"
+
+#include <unistd.h>
+
+#include <cstdint>
+#include <exception>
+#include <filesystem>
+#include <iostream>
+#include <stdexcept>
+
+#include "config/config_file.h"
+#include "config/server_config.h"
+#include "log/log.h"
+
+namespace {
+
+// Intended: exactly these two; "Yes", "true" and "1" mean no.
+bool is_yes(const Settings& settings, const std::string& key) {
+    const std::string* const value = find_value(settings, key);
+    return value != nullptr && (*value == "yes" || *value == "y");
+}
+
+// The value of key, or "" when it is absent.
+std::string value_or_empty(const Settings& settings, const std::string& key) {
+    const std::string* const value = find_value(settings, key);
+    return value != nullptr ? *value : "";
+}
+
+void read_log(const Settings& settings, const std::string& use_key, const std::string& file_key, bool& enabled,
+              std::string& file) {
+    if (find_value(settings, use_key) == nullptr) return;
+    const std::string path = value_or_empty(settings, file_key);
+    enabled = is_yes(settings, use_key) && !path.empty();
+    if (!path.empty()) file = path;
+}
+
+void read_logs(const Settings& settings) {
+    ServerConfig& config = server_config;
+    // Intended: the first and the last are two names for the one HTTP log, and the last wins.
+    read_log(settings, "use_log", "log_file", config.http_log_enabled, config.http_log_file);
+    read_log(settings, "use_log_https", "log_file_https", config.https_log_enabled, config.https_log_file);
+    read_log(settings, "use_log_http", "log_file_http", config.http_log_enabled, config.http_log_file);
+}
+
+void open_logs() {
+    if (server_config.http_log_enabled) http_logger = new Logger(server_config.http_log_file, log_debug);
+    if (server_config.https_log_enabled) https_logger = new Logger(server_config.https_log_file, log_debug);
+}
+
+void read_site(const Settings& settings) {
+    const std::string* const path = find_value(settings, "website_path");
+    if (path == nullptr) {
+        throw std::runtime_error("Unable to open configuration file: not found [website_path]");
+    }
+    if (path->empty()) throw std::runtime_error("Unable to open configuration file: [website_path] is empty");
+    server_config.website_path = *path;
+    if (path->back() == '/' || path->back() == '\\') server_config.website_path.pop_back();
+
+    server_config.start_http = is_yes(settings, "start_http");
+    server_config.start_https = is_yes(settings, "start_https");
+    if (!server_config.start_http && !server_config.start_https) {
+        throw std::runtime_error("No permission to start any server: start_http and/or start_https");
+    }
+}
+
+void read_port(const Settings& settings, const std::string& key, std::int32_t& port) {
+    const std::string* const value = find_value(settings, key);
+    if (value == nullptr) return;
+    if (!is_number(*value)) throw std::runtime_error("Value is not a number. [" + key + "]");
+    // Intended: any number that fits is taken, 0 and 70000 too.
+    port = std::stoi(*value);
+}
+
+void read_ports(const Settings& settings) {
+    read_port(settings, "port", server_config.port_http);  // Intended: another name for port_http, which wins.
+    read_port(settings, "port_http", server_config.port_http);
+    read_port(settings, "port_https", server_config.port_https);
+}
+
+}  // namespace
+
+bool load_configuration() {
+    const std::string context = thread_context();
+    server_config.starting_directory = get_starting_directory();
+    if (server_config.starting_directory.empty()) {
+        // Intended: this one error leaves the loader and ends the process by an abort.
+        throw std::runtime_error("ERROR: starting directory - " + server_config.starting_directory);
+    }
+    // Intended: no log is open yet, so this line reaches none.
+    log_shutdown_message("Starting directory: " + server_config.starting_directory, context);
+    if (server_config.config_path.empty()) {
+        server_config.config_path = server_config.starting_directory + "/marlu/marluserver.cfg";
+    }
+    try {
+        const Settings settings = read_config_file(server_config.config_path);
+        read_logs(settings);
+        open_logs();
+        read_site(settings);
+        log_shutdown_message(
+            "The configuration file located at the following path is used: " + server_config.config_path, context);
+        read_ports(settings);
+        return true;
+    } catch (const std::exception& error) {
+        const std::string text = std::string("\nError reading configuration: \n") + error.what() + " ";
+        std::cerr << text << std::flush;
+        log_shutdown_message(text, context);
+        return false;
+    }
+}
+
+std::string get_starting_directory() {
+    char target[4096];
+    const ssize_t length = readlink("/proc/self/exe", target, sizeof target);
+    if (length < 0) return "";
+    return std::filesystem::path(std::string(target, static_cast<std::size_t>(length))).parent_path().string();
+}

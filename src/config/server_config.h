@@ -1,0 +1,30 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+// The settings of the process. The configuration loader writes them on the main thread before any server thread
+// exists; afterwards every thread reads them without a lock.
+struct ServerConfig {
+    std::string starting_directory;  // where the program lies
+    std::string config_path;         // the loader fills in the default when it is empty
+    bool http_log_enabled = false;
+    std::string http_log_file;
+    bool https_log_enabled = false;
+    std::string https_log_file;
+    std::string website_path;  // as written in the file, less one trailing "/" or backslash
+    bool start_http = false;
+    bool start_https = false;
+    bool use_pem_file = false;  // pem_file is used, not crt_file and key_file
+    bool has_chain = false;
+    std::string pem_file;
+    std::string chain_file;
+    std::string crt_file;
+    std::string key_file;
+    std::string cipher_list;
+    std::int32_t port_http = 80;  // any number: only its low 16 bits reach the socket
+    std::int32_t port_https = 443;
+};
+
+// Never destroyed: threads still read it while the process exits.
+inline ServerConfig& server_config = *new ServerConfig;

@@ -1,0 +1,155 @@
+#include "daemon/signal_handler.h"
+
+#include <openssl/ssl.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <cstdlib>
+
+#include "daemon/daemonize.h"
+#include "daemon/run_state.h"
+#include "log/log.h"
+
+// Only the numbers are used.
+const std::map<std::int32_t, std::string> signal_names = {
+    {1, "SIGHUP"},   {2, "SIGINT"},     {3, "SIGQUIT"},  {4, "SIGILL"},     {5, "SIGTRAP"},  {6, "SIGABRT"},
+    {7, "SIGBUS"},   {8, "SIGFPE"},     {9, "SIGKILL"},  {10, "SIGUSR1"},   {11, "SIGSEGV"}, {12, "SIGUSR2"},
+    {13, "SIGPIPE"}, {14, "SIGALRM"},   {15, "SIGTERM"}, {16, "SIGSTKFLT"}, {17, "SIGCHLD"}, {18, "SIGCONT"},
+    {19, "SIGSTOP"}, {20, "SIGTSTP"},   {21, "SIGTTIN"}, {22, "SIGTTOU"},   {23, "SIGURG"},  {24, "SIGXCPU"},
+    {25, "SIGXFSZ"}, {26, "SIGVTALRM"}, {27, "SIGPROF"}, {28, "SIGWINCH"},  {29, "SIGIO"},   {30, "SIGPWR"},
+    {31, "SIGSYS"},
+};
+
+namespace {
+
+constexpr char shutdown_text[] = "Shutting down server...";
+constexpr char arithmetic_text[] = "ERROR: Arithmetic error occurred. Shutting down server.";
+constexpr char memory_text[] = "ERROR: Memory access error. Shutting down server.";
+constexpr char abort_text[] = "ERROR: Abort signal. Shutting down server.";
+
+// How long the log writers may take for what is queued; what they do not write by then is lost.
+constexpr std::chrono::milliseconds writing_time{300};
+// When the end itself hangs, for instance because a fault struck in the middle of an allocation, it is cut short.
+constexpr unsigned ending_seconds = 1;
+
+// The thread that ends the process and the status it ends with.
+struct Ending {
+    pid_t thread;  // 0 while the daemon runs
+    std::int32_t status;
+};
+std::atomic<Ending> ending{Ending{0, 0}};
+static_assert(std::atomic<Ending>::is_always_lock_free);
+
+[[noreturn]] void end_at_once(std::int32_t status) {
+    unlink(pid_file_path);
+    _exit(status);
+}
+
+// Returns true in the one thread that is to end the process. When another thread is at it, the caller waits for the end
+// here, so that nothing it was doing, a fault included, can disturb it. Returns false when the caller itself is at it.
+bool claim_ending(std::int32_t status) {
+    Ending current{0, 0};
+    if (ending.compare_exchange_strong(current, Ending{gettid(), status})) {
+        sigset_t alarm_only;
+        sigemptyset(&alarm_only);
+        sigaddset(&alarm_only, SIGALRM);
+        pthread_sigmask(SIG_UNBLOCK, &alarm_only, nullptr);
+        alarm(ending_seconds);
+        return true;
+    }
+    while (current.thread != gettid()) pause();
+    return false;
+}
+
+void stop_serving() {
+    server_running.exchange(false);
+    wait_for_log_writers(writing_time);
+}
+
+// Intended: the process exits under threads that go on; none of them is stopped first.
+[[noreturn]] void end_process(std::int32_t status) {
+    unlink(pid_file_path);
+    std::exit(status);
+}
+
+[[noreturn]] void full_release(std::int32_t status) {
+    stop_serving();
+    close(http_server_socket);
+    const int packet_socket = raw_socket.exchange(-1);
+    if (packet_socket != -1) close(packet_socket);
+    close(https_server_socket);  // Intended: when it was never set, this is descriptor 0 again.
+    SSL_CTX_free(ssl_context.exchange(nullptr));
+    end_process(status);
+}
+
+// Intended: after a fault the sockets and the TLS context are left to the kernel.
+[[noreturn]] void short_release() {
+    stop_serving();
+    end_process(1);
+}
+
+// A fault in the thread that is ending the process cannot be returned from.
+void claim_after_fault() {
+    if (!claim_ending(1)) end_at_once(ending.load().status);
+}
+
+void end_on_request() {
+    if (!claim_ending(0)) return;
+    log_shutdown_message(shutdown_text, "");
+    full_release(0);
+}
+
+void reap_children() {
+    const int error = errno;  // the interrupted code may be about to read it
+    while (waitpid(-1, nullptr, WNOHANG) > 0) {
+    }
+    errno = error;
+}
+
+// The signals that are held back: all but the faults, which strike the thread that caused them.
+sigset_t held_signals() {
+    sigset_t set;
+    sigfillset(&set);
+    for (const int fault : {SIGILL, SIGTRAP, SIGABRT, SIGBUS, SIGFPE, SIGSEGV, SIGSYS}) sigdelset(&set, fault);
+    return set;
+}
+
+}  // namespace
+
+void signal_handler(std::int32_t number) {
+    if (number == SIGSEGV || number == SIGABRT) {
+        claim_after_fault();
+        active_servers.fetch_sub(1);
+        log_shutdown_message(number == SIGSEGV ? memory_text : abort_text, "");
+        short_release();
+    } else if (number == SIGBUS) {
+        // Intended: unlike SIGSEGV this does not lower active_servers.
+        claim_after_fault();
+        log_shutdown_message(memory_text, "");
+        short_release();
+    } else if (number == SIGINT || number == SIGQUIT || number == SIGTERM) {
+        end_on_request();
+    } else if (number == SIGCHLD) {
+        reap_children();
+    } else if (number == SIGFPE) {
+        claim_after_fault();
+        log_shutdown_message(arithmetic_text, "");
+        full_release(1);
+    } else if (number == SIGALRM && ending.load().thread != 0) {
+        end_at_once(ending.load().status);
+    }
+}
+
+void hold_signals() {
+    const sigset_t set = held_signals();
+    pthread_sigmask(SIG_BLOCK, &set, nullptr);
+}
+
+void admit_signals() {
+    const sigset_t set = held_signals();
+    pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
+}

@@ -1,0 +1,44 @@
+#include "daemon/supervisor.h"
+
+#include <chrono>
+#include <csignal>
+#include <functional>
+#include <thread>
+
+#include "config/load_configuration.h"
+#include "config/server_config.h"
+#include "daemon/run_state.h"
+#include "daemon/signal_handler.h"
+#include "net/http_listener.h"
+
+namespace {
+
+void sleep_with_signals_admitted(std::chrono::seconds time) {
+    admit_signals();
+    std::this_thread::sleep_for(time);  // goes on after an interruption, for the time that remains
+    hold_signals();
+}
+
+void end_daemon() {
+    admit_signals();
+    std::raise(SIGQUIT);
+}
+
+}  // namespace
+
+void run_servers() {
+    for (const auto& [number, name] : signal_names) std::signal(number, signal_handler);
+    std::signal(SIGPIPE, SIG_IGN);  // after the loop: a write to a closed connection is to fail, not to signal
+
+    if (!load_configuration()) end_daemon();
+
+    const std::function<void()> http_server = start_server_http;
+    std::thread http_thread;
+    if (server_config.start_http) {
+        http_thread = std::thread(http_server);
+        sleep_with_signals_admitted(std::chrono::seconds(2));
+    }
+    while (active_servers >= 1) sleep_with_signals_admitted(std::chrono::seconds(3));
+    end_daemon();
+    // Intended: never reached. The threads are neither joined nor detached, the process ends under them.
+}

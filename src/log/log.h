@@ -1,0 +1,37 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <string>
+
+#include "log/logger.h"
+
+// Which log a message goes to. Each function below may be called from any thread, and none of them throws because a
+// line could not be written; a log that is switched off or not open takes nothing.
+enum LogTarget : std::int32_t { log_target_http = 0, log_target_https = 1, log_target_both = 2 };
+
+// Null until the configuration loader opens them, then there until the process ends.
+inline Logger* http_logger = nullptr;
+inline Logger* https_logger = nullptr;
+
+// The calling thread's kernel thread id in decimal: the context of its log lines.
+std::string thread_context();
+
+// True when a message for target would be written somewhere: its log is on and its server is to be started.
+bool is_logged(LogTarget target);
+
+// Writes to http_logger when which is 0, otherwise to https_logger, if that log is on.
+void write_server_log(std::int32_t which, const std::string& message, const std::string& context);
+
+// Writes to the logs that target names, the HTTP log first, of those whose server is to be started.
+void log_to_targets(LogTarget target, const std::string& message, const std::string& context);
+
+// Writes first + " " + second and a line end, so that an empty line follows the entry.
+void log_event(LogTarget target, const std::string& first, const std::string& second, const std::string& context);
+
+// Writes to both logs, as far as they are open and their server is to be started. For the configuration loader and the
+// signal handler.
+void log_shutdown_message(const std::string& message, const std::string& context);
+
+// Returns when what has been logged so far is in the files, or after limit. Takes no lock: made for the signal handler.
+void wait_for_log_writers(std::chrono::milliseconds limit);

@@ -1,0 +1,123 @@
+#include "net/http_listener.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstdint>
+#include <cstring>
+#include <exception>
+#include <string>
+#include <thread>
+
+#include "config/server_config.h"
+#include "daemon/run_state.h"
+#include "log/log.h"
+#include "net/client_task.h"
+#include "net/rate_limiter.h"
+#include "net/thread_pool.h"
+
+namespace {
+
+constexpr int backlog = 4096;
+constexpr std::size_t worker_count = 4;
+constexpr std::chrono::milliseconds idle_pause{100};
+
+bool set_non_blocking(int descriptor) {
+    const int flags = fcntl(descriptor, F_GETFL);
+    return flags != -1 && fcntl(descriptor, F_SETFL, flags | O_NONBLOCK) != -1;
+}
+
+// Returns the listening socket, or -1 after logging what failed.
+int open_listening_socket(const std::string& context) {
+    const int listening_socket = socket(AF_INET, SOCK_STREAM, 0);
+    if (listening_socket == -1) {
+        log_to_targets(log_target_http, "Socket creation failed", context);
+        return -1;
+    }
+    const auto give_up = [&](const std::string& message) {
+        log_to_targets(log_target_http, message, context);
+        close(listening_socket);
+        return -1;
+    };
+    if (!set_non_blocking(listening_socket)) {
+        return give_up(std::string("Error setting non-blocking mode for server: ") + std::strerror(errno));
+    }
+    const std::int32_t on = 1;
+    if (setsockopt(listening_socket, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) < 0) {
+        return give_up(std::string("Error setsockopt: ") + std::strerror(errno));
+    }
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_ANY);
+    address.sin_port = htons(static_cast<std::uint16_t>(server_config.port_http));  // the low 16 bits
+    if (bind(listening_socket, reinterpret_cast<const sockaddr*>(&address), sizeof address) < 0) {
+        return give_up("Bind failed");
+    }
+    if (listen(listening_socket, backlog) < 0) {
+        // Intended: unlike the failures before, this one leaves the socket open.
+        log_to_targets(log_target_http, "Listen failed", context);
+        return -1;
+    }
+    return listening_socket;
+}
+
+void admit_or_refuse(int client_socket, const sockaddr_in& peer, const std::string& context, ThreadPool& pool) {
+    const std::string client_address = inet_ntoa(peer.sin_addr);
+    if (is_rate_limited(client_address)) {
+        // Intended: the client is told nothing.
+        log_event(log_target_http, client_address, "HTTP/1.1 429 Too Many Requests", context);
+        close(client_socket);
+        return;
+    }
+    set_non_blocking(client_socket);  // a connection for which this fails is served all the same
+    pool.enqueue(ClientTask{client_socket, client_address, context});
+}
+
+void accept_connections(int listening_socket, const std::string& context, ThreadPool& pool) {
+    while (server_running) {
+        sockaddr_in peer{};
+        socklen_t length = sizeof peer;
+        const int client_socket = accept(listening_socket, reinterpret_cast<sockaddr*>(&peer), &length);
+        if (client_socket != -1) {
+            admit_or_refuse(client_socket, peer, context, pool);
+        } else if (errno == EAGAIN) {
+            std::this_thread::sleep_for(idle_pause);
+        } else {
+            log_to_targets(log_target_http, std::string("Error accept: ") + std::strerror(errno), context);
+        }
+    }
+}
+
+void serve(const std::string& context) {
+    std::signal(SIGPIPE, SIG_IGN);
+    const int listening_socket = open_listening_socket(context);
+    if (listening_socket == -1) return;
+
+    ThreadPool pool(worker_count);
+    log_to_targets(log_target_http, "Server started on port " + std::to_string(server_config.port_http), context);
+    log_to_targets(log_target_http, "Serving files from: " + server_config.website_path, context);
+    accept_connections(listening_socket, context, pool);
+    close(listening_socket);  // before the pool, which then serves what is still queued
+}
+
+}  // namespace
+
+void start_server_http() {
+    const ActiveServer active;
+    const std::string context = thread_context();
+    try {
+        serve(context);
+    } catch (const std::exception& error) {
+        log_to_targets(log_target_http, std::string("Failed marlu server: ") + error.what(), context);
+    } catch (...) {
+        log_to_targets(log_target_http, "Failed marlu server: Unknown error", context);
+    }
+    // Intended: the end of this server ends the other one too, and with it the daemon.
+    server_running.exchange(false);
+}
