@@ -8,7 +8,9 @@
 #include <iostream>
 #include <stdexcept>
 
+#include "config/cache_ignore.h"
 #include "config/config_file.h"
+#include "config/pem.h"
 #include "config/server_config.h"
 #include "log/log.h"
 
@@ -63,6 +65,56 @@ void read_site(const Settings& settings) {
     }
 }
 
+void require_file(const std::string& path, const std::string& key) {
+    if (!file_exists(path)) {
+        throw std::runtime_error("The path to the file is incorrect. File missing. [" + key + "]");
+    }
+}
+
+void read_pem_file(const std::string& path) {
+    require_file(path, "pem_file");
+    const PemContents contents = inspect_pem(path);
+    if (!contents.has_certificate) throw std::runtime_error("PEM is missing certificate [pem_file]");
+    if (!contents.has_key) throw std::runtime_error("PEM is missing a key [pem_file]");
+    server_config.use_pem_file = true;
+    server_config.has_chain = contents.has_chain;
+    server_config.pem_file = path;
+}
+
+void read_separate_files(const Settings& settings) {
+    const std::string* const crt_file = find_value(settings, "crt_file");
+    const std::string* const key_file = find_value(settings, "key_file");
+    if (crt_file == nullptr || key_file == nullptr) {
+        throw std::runtime_error("One of the items is missing: crt_file and/or key_file");
+    }
+    if (crt_file->empty() || key_file->empty()) {
+        throw std::runtime_error("File path not specified: crt_file and/or key_file");
+    }
+    require_file(*crt_file, "crt_file");
+    require_file(*key_file, "key_file");
+    const std::string chain_file = value_or_empty(settings, "chain_file");
+    if (!chain_file.empty()) {
+        require_file(chain_file, "chain_file");
+        server_config.has_chain = true;
+        server_config.chain_file = chain_file;
+    }
+    server_config.crt_file = *crt_file;
+    server_config.key_file = *key_file;
+}
+
+void read_tls(const Settings& settings) {
+    const std::string pem_file = value_or_empty(settings, "pem_file");
+    if (pem_file.empty()) {
+        read_separate_files(settings);
+    } else {
+        read_pem_file(pem_file);
+    }
+    // Intended: the text speaks of an incorrect list, but only its presence is tested here.
+    const std::string cipher_list = value_or_empty(settings, "cipher_list");
+    if (cipher_list.empty()) throw std::runtime_error("The list of ciphers is incorrect. [cipher_list]");
+    server_config.cipher_list = cipher_list;
+}
+
 void read_port(const Settings& settings, const std::string& key, std::int32_t& port) {
     const std::string* const value = find_value(settings, key);
     if (value == nullptr) return;
@@ -98,7 +150,10 @@ bool load_configuration() {
         read_site(settings);
         log_shutdown_message(
             "The configuration file located at the following path is used: " + server_config.config_path, context);
+        if (server_config.start_https) read_tls(settings);
         read_ports(settings);
+        const std::string cache_ignore = value_or_empty(settings, "cache_ignore");
+        if (!cache_ignore.empty()) load_cache_ignore(cache_ignore, context);
         return true;
     } catch (const std::exception& error) {
         const std::string text = std::string("\nError reading configuration: \n") + error.what() + " ";

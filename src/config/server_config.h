@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <string>
+#include <unordered_set>
 
 // The settings of the process. The configuration loader writes them on the main thread before any server thread
 // exists; afterwards every thread reads them without a lock.
@@ -24,6 +25,7 @@ struct ServerConfig {
     std::string cipher_list;
     std::int32_t port_http = 80;  // any number: only its low 16 bits reach the socket
     std::int32_t port_https = 443;
+    std::unordered_set<std::string> cache_ignore_paths;  // canonical names of the files that are never cached
 };
 
 // Never destroyed: threads still read it while the process exits.

@@ -1,6 +1,5 @@
 #include "daemon/signal_handler.h"
 
-#include <openssl/ssl.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -13,6 +12,7 @@
 #include "daemon/daemonize.h"
 #include "daemon/run_state.h"
 #include "log/log.h"
+#include "net/tls_context.h"
 
 // Only the numbers are used.
 const std::map<std::int32_t, std::string> signal_names = {
@@ -81,8 +81,8 @@ void stop_serving() {
     close(http_server_socket);
     const int packet_socket = raw_socket.exchange(-1);
     if (packet_socket != -1) close(packet_socket);
-    close(https_server_socket);  // Intended: when it was never set, this is descriptor 0 again.
-    SSL_CTX_free(ssl_context.exchange(nullptr));
+    close(https_server_socket.exchange(0));  // Intended: when it was never set, this is descriptor 0 again.
+    free_ssl_context();
     end_process(status);
 }
 

@@ -10,6 +10,7 @@
 #include "daemon/run_state.h"
 #include "daemon/signal_handler.h"
 #include "net/http_listener.h"
+#include "net/https_listener.h"
 
 namespace {
 
@@ -33,9 +34,15 @@ void run_servers() {
     if (!load_configuration()) end_daemon();
 
     const std::function<void()> http_server = start_server_http;
+    const std::function<void()> https_server = start_server_https;
     std::thread http_thread;
+    std::thread https_thread;
     if (server_config.start_http) {
         http_thread = std::thread(http_server);
+        sleep_with_signals_admitted(std::chrono::seconds(2));
+    }
+    if (server_config.start_https) {
+        https_thread = std::thread(https_server);
         sleep_with_signals_admitted(std::chrono::seconds(2));
     }
     while (active_servers >= 1) sleep_with_signals_admitted(std::chrono::seconds(3));

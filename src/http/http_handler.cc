@@ -15,6 +15,7 @@
 
 #include "http/mime_types.h"
 #include "http/request.h"
+#include "http/responses.h"
 #include "log/log.h"
 
 namespace {
@@ -60,9 +61,8 @@ void send_file(int client_socket, const std::string& name) {
     std::ifstream file(name, std::ios::binary);
     if (!file) return;  // Intended: there is no 404 over plain HTTP.
     const std::vector<char> body = read_whole(file, name);
-    const std::string header = "HTTP/1.1 200 OK\r\nContent-Type: " + MimeTypes(name) +
-                               "\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n";
-    if (send_all(client_socket, header)) send_all(client_socket, {body.data(), body.size()});
+    if (send_all(client_socket, ok_header(MimeTypes(name), body.size())))
+        send_all(client_socket, {body.data(), body.size()});
 }
 
 void answer(const ClientTask& task) {
@@ -77,7 +77,7 @@ void answer(const ClientTask& task) {
 
     const RequestLine request = split_request_line(text);
     if (request.method != "GET") {
-        const std::string response = "HTTP/1.1 405 Method Not Allowed\r\n\r\n";
+        const std::string response = method_not_allowed_response;
         log("ERROR: " + response);
         send(task.client_socket, response.data(), response.size(), MSG_NOSIGNAL);
         return;
@@ -87,7 +87,7 @@ void answer(const ClientTask& task) {
     std::string name;
     // Intended: an empty target throws here, and that ends the process.
     if (!is_path_allowed(target.substr(1), &name)) {
-        const std::string response = "HTTP/1.1 403 Forbidden\r\nContent-Length: 0\r\n\r\n";
+        const std::string response = forbidden_response;
         log("ERROR: " + response);
         send(task.client_socket, response.data(), response.size(), 0);  // Intended: no MSG_NOSIGNAL in this one.
         return;

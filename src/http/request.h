@@ -1,7 +1,9 @@
 #pragma once
 
+#include <optional>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 
 // The request line of a plain-HTTP request; what is missing is empty.
 struct RequestLine {
@@ -9,8 +11,23 @@ struct RequestLine {
     std::string target;
 };
 
-// Takes the first two words of text, whatever white space is around them.
+// Takes the first two words of a plain-HTTP request, whatever white space is around them. Intended: over plain HTTP a
+// query belongs to the target.
 RequestLine split_request_line(std::string_view text);
+
+// The target of an HTTPS request, divided at its first "?".
+struct TargetParts {
+    std::string path;  // with the index file put in
+    std::optional<std::string> query;
+};
+
+// Divides the target of request_text, which begins with "GET /": what lies between its first two blanks, or all after
+// the first one. Intended: over HTTPS only the second blank ends the target, not a line end.
+TargetParts split_target(const std::string& request_text);
+
+// Returns the keys and values of a query, undecoded; of a key given twice the later one counts, and what has no "=" is
+// left out.
+std::unordered_map<std::string, std::string> parse_query(const std::string& query_text);
 
 // Returns "/index.html" for "/" and any other target as it is.
 std::string with_index_file(const std::string& target);

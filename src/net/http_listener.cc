@@ -17,6 +17,7 @@
 
 #include "config/server_config.h"
 #include "daemon/run_state.h"
+#include "http/responses.h"
 #include "log/log.h"
 #include "net/client_task.h"
 #include "net/rate_limiter.h"
@@ -71,7 +72,7 @@ void admit_or_refuse(int client_socket, const sockaddr_in& peer, const std::stri
     const std::string client_address = inet_ntoa(peer.sin_addr);
     if (is_rate_limited(client_address)) {
         // Intended: the client is told nothing.
-        log_event(log_target_http, client_address, "HTTP/1.1 429 Too Many Requests", context);
+        log_event(log_target_http, client_address, too_many_requests_text, context);
         close(client_socket);
         return;
     }

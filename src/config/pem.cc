@@ -1,0 +1,44 @@
+#include "config/pem.h"
+
+#include <openssl/bio.h>
+#include <openssl/evp.h>
+#include <openssl/pem.h>
+#include <openssl/x509.h>
+
+namespace {
+
+int count_certificates(BIO* file) {
+    int count = 0;
+    for (;;) {
+        X509* const certificate = PEM_read_bio_X509(file, nullptr, nullptr, nullptr);
+        if (certificate != nullptr) {
+            X509_free(certificate);
+            ++count;
+        } else if (BIO_ctrl(file, BIO_CTRL_EOF, 0, nullptr) != 0) {
+            return count;
+        } else {
+            // Something that is no certificate: go on behind it.
+            char discarded[1024];
+            BIO_read(file, discarded, sizeof discarded);
+        }
+    }
+}
+
+}  // namespace
+
+PemContents inspect_pem(const std::string& path) {
+    PemContents contents;
+    BIO* file = BIO_new_file(path.c_str(), "r");
+    if (file == nullptr) return contents;
+    const int certificates = count_certificates(file);
+    BIO_free(file);
+    contents.has_certificate = certificates >= 1;
+    contents.has_chain = certificates > 1;
+
+    file = BIO_new_file(path.c_str(), "r");
+    EVP_PKEY* const key = PEM_read_bio_PrivateKey(file, nullptr, nullptr, nullptr);
+    contents.has_key = key != nullptr;
+    EVP_PKEY_free(key);
+    BIO_free(file);
+    return contents;
+}

@@ -1,0 +1,85 @@
+#pragma once
+
+#include <array>
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <list>
+#include <mutex>
+#include <shared_mutex>
+#include <string>
+#include <unordered_map>
+
+// A file in memory, read-only, for as long as the object lives. What is cut off the file meanwhile cannot be read any
+// more: touching it raises SIGBUS.
+class MappedFile {
+  public:
+    // Maps the whole file. Throws std::runtime_error: "Cannot open file", or "Mapping failed", which also an empty file
+    // and a directory give.
+    explicit MappedFile(const std::string& name);
+    ~MappedFile();
+    MappedFile(const MappedFile&) = delete;
+    MappedFile& operator=(const MappedFile&) = delete;
+
+    const char* data = nullptr;
+    std::uint64_t size = 0;                  // bytes, when the file was opened
+    std::atomic<std::int32_t> use_count{0};  // Intended: how often the cache has handed it out; never lowered.
+};
+
+inline constexpr std::size_t cache_slot_count = 64;
+
+// FNV-1a over the bytes of name, each sign-extended to 64 bits first. Intended: bytes from 0x80 differ from the usual.
+std::uint64_t cache_hash(const std::string& name);
+
+// The slot that the file called name shares with every other file of the same slot.
+std::size_t cache_slot(const std::string& name);
+
+// Files that were served, kept mapped under their canonical names. Intended: a slot holds one file for good. Another
+// file of that slot is answered with the bytes of the one that is there; a cache-ignore list keeps such files out.
+//
+// What always holds:
+// - A slot is installed by a compare-and-swap from null and emptied by an exchange, both under its slot lock.
+// - hash belongs to entry: it is stored after an install and zeroed after a release, under the slot lock. Both are read
+//   without it, so a reader that sees the hash may still find entry null, and then takes the lock.
+// - The recency list holds the names in the index, most recently used first; the index lock guards both.
+// - The slot lock is taken before the index lock; only evict takes the locks of its victims' slots under the index
+// lock.
+class FileCache {
+  public:
+    FileCache() = default;
+    // Unmaps what the slots hold, whoever may still be reading it.
+    ~FileCache();
+    FileCache(const FileCache&) = delete;
+    FileCache& operator=(const FileCache&) = delete;
+
+    // Returns the mapping in name's slot after mapping name there if the slot was empty. The cache owns it; the caller
+    // reads it and never gives it back. Callable from any thread. Throws what MappedFile throws, and std::system_error
+    // (EDEADLK) when making room meets the very slot that is being filled.
+    MappedFile* get(const std::string& name);
+
+  private:
+    struct alignas(64) Slot {  // a cache line of its own
+        std::atomic<MappedFile*> entry{nullptr};
+        std::shared_mutex lock;  // only ever taken for writing
+        std::atomic<std::uint64_t> hash{0};
+    };
+    struct IndexEntry {
+        std::list<std::string>::iterator position;
+        std::uint64_t size;
+    };
+
+    MappedFile* use(Slot& slot, std::uint64_t hash, const std::string& name);
+    void evict(std::uint64_t bytes_needed);
+
+    static constexpr std::uint64_t capacity = 268'435'456;
+
+    std::array<Slot, cache_slot_count> slots;
+    // Bytes installed and not released. Intended: a file that was handed out is dropped without lowering it.
+    std::atomic<std::uint64_t> total{0};
+    std::mutex index_lock;
+    std::list<std::string> recency;
+    std::unordered_map<std::string, IndexEntry> index;
+};
+
+// The one cache of the process.
+extern FileCache file_cache;

@@ -1,0 +1,151 @@
+#include "http/https_handler.h"
+
+#include <openssl/bio.h>
+#include <openssl/err.h>
+#include <openssl/ssl.h>
+#include <unistd.h>
+
+#include <exception>
+#include <memory>
+#include <string_view>
+
+#include "config/server_config.h"
+#include "daemon/run_state.h"
+#include "http/file_cache.h"
+#include "http/mime_types.h"
+#include "http/request.h"
+#include "http/request_history.h"
+#include "http/responses.h"
+#include "log/log.h"
+#include "net/rate_limiter.h"
+
+namespace {
+
+constexpr int request_limit = 4095;
+
+// Never destroyed: a connection may still be served while the process exits.
+RequestHistory& request_history = *new RequestHistory;
+
+std::string openssl_error_text() {
+    BIO* const bio = BIO_new(BIO_s_mem());
+    if (bio == nullptr) return "Failed to allocate BIO";
+    ERR_print_errors(bio);
+    char* text = nullptr;
+    const long length = BIO_get_mem_data(bio, &text);
+    const std::string copy(text, static_cast<std::size_t>(length));
+    BIO_free(bio);
+    return copy;
+}
+
+// One connection, from the handshake to the answer.
+class Connection {
+  public:
+    Connection(SSL* tls_session, const std::string& address, const std::string& context)
+        : session(tls_session), client_address(address), log_context(context) {}
+
+    // Returns true when the client is still to be told that the connection ends.
+    bool serve() {
+        if (is_rate_limited(client_address)) {
+            log_request(too_many_requests_text);
+            return true;
+        }
+        if (SSL_accept(session) < 1) {
+            log("SSL_accept <= 0");
+            log(openssl_error_text());
+            return true;
+        }
+        char buffer[request_limit + 1] = {};
+        const int count = SSL_read(session, buffer, request_limit);
+        if (count < 1) return is_shutdown_due(SSL_get_error(session, count));
+        answer(buffer);  // up to the first NUL
+        return true;
+    }
+
+  private:
+    void log(const std::string& message) { log_to_targets(log_target_https, message, log_context); }
+    void log_request(const std::string& message) { log_event(log_target_https, client_address, message, log_context); }
+
+    bool is_shutdown_due(int error) {
+        if (error == SSL_ERROR_SYSCALL) return false;
+        if (error != SSL_ERROR_ZERO_RETURN && error != SSL_ERROR_WANT_READ && error != SSL_ERROR_WANT_WRITE) {
+            // Intended: the text stands where the client's address would, and the message is empty.
+            log_event(log_target_https, "SSL error: " + std::to_string(error) + "\n", "", log_context);
+            log(openssl_error_text());
+        }
+        return true;
+    }
+
+    // Intended: one write for each piece. Its result is not looked at; a connection that fails is over anyway.
+    void write(std::string_view bytes) { SSL_write(session, bytes.data(), static_cast<int>(bytes.size())); }
+
+    void refuse(const char* response) {
+        log_request(std::string("ERROR: ") + response);
+        write(response);
+    }
+
+    void answer(const std::string& request_text) {
+        log_request(request_text);
+        request_history.append(request_text);
+        if (!request_text.starts_with("GET /")) return refuse(method_not_allowed_response);
+
+        const TargetParts target = split_target(request_text);
+        log_request("PATH = " + target.path + "\n");
+        std::string canonical_name;
+        if (!is_path_allowed(target.path.substr(1), &canonical_name)) return refuse(forbidden_response);
+        if (target.query) parse_query(*target.query);  // Intended: nothing asks for the result.
+        send_file(canonical_name, server_config.website_path + target.path);
+    }
+
+    // Intended: the content type, and a file that is not to be cached, go by direct_name; the cache and its ignore list
+    // by canonical_name.
+    void send_file(const std::string& canonical_name, const std::string& direct_name) {
+        std::unique_ptr<MappedFile> uncached;
+        const MappedFile* file = nullptr;
+        try {
+            if (server_config.cache_ignore_paths.contains(canonical_name)) {
+                uncached = std::make_unique<MappedFile>(direct_name);
+                file = uncached.get();
+            } else {
+                file = file_cache.get(canonical_name);
+            }
+        } catch (...) {
+            return refuse(not_found_response);
+        }
+        try {
+            write(ok_header(MimeTypes(direct_name), file->size));
+            write({file->data, file->size});
+        } catch (const std::exception& error) {
+            log(std::string("Error handling client send: ") + error.what());
+        }
+    }
+
+    SSL* session;
+    const std::string& client_address;
+    const std::string& log_context;
+};
+
+}  // namespace
+
+void handle_https_client(SSL* session, int client_socket, const std::string& client_address) {
+    const ActiveServer active;
+    const std::string context = thread_context();
+    bool is_shutdown_due = true;
+    try {
+        is_shutdown_due = Connection(session, client_address, context).serve();
+    } catch (const std::exception& error) {
+        log_to_targets(log_target_https, std::string("Error handling client: ") + error.what(), context);
+    } catch (...) {
+        log_to_targets(log_target_https, "Error handling client: Unknown", context);
+    }
+    if (is_shutdown_due) SSL_shutdown(session);  // once: the client's own notification is not awaited
+    SSL_free(session);
+    close(client_socket);
+}
+
+void run_https_client(SSL* session, int client_socket, const std::string& client_address) {
+    try {
+        handle_https_client(session, client_socket, client_address);
+    } catch (...) {
+        log_to_targets(log_target_https, "Exception in thread for client " + client_address, "");
+    }
+}
