@@ -37,8 +37,8 @@ constexpr std::chrono::milliseconds writing_time{300};
 constexpr unsigned ending_seconds = 1;
 
 // The thread that ends the process and the status it ends with.
-struct Ending {
-    pid_t thread;  // 0 while the daemon runs
+struct alignas(8) Ending {  // aligned so that it is read and changed in one piece
+    pid_t thread;           // 0 while the daemon runs
     std::int32_t status;
 };
 std::atomic<Ending> ending{Ending{0, 0}};
