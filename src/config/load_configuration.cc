@@ -36,14 +36,6 @@ void read_log(const Settings& settings, const std::string& use_key, const std::s
     if (!path.empty()) file = path;
 }
 
-void read_logs(const Settings& settings) {
-    ServerConfig& config = server_config;
-    // Intended: the first and the last are two names for the one HTTP log, and the last wins.
-    read_log(settings, "use_log", "log_file", config.http_log_enabled, config.http_log_file);
-    read_log(settings, "use_log_https", "log_file_https", config.https_log_enabled, config.https_log_file);
-    read_log(settings, "use_log_http", "log_file_http", config.http_log_enabled, config.http_log_file);
-}
-
 void open_logs() {
     if (server_config.http_log_enabled) http_logger = new Logger(server_config.http_log_file, log_debug);
     if (server_config.https_log_enabled) https_logger = new Logger(server_config.https_log_file, log_debug);
@@ -145,15 +137,9 @@ bool load_configuration() {
     }
     try {
         const Settings settings = read_config_file(server_config.config_path);
-        read_logs(settings);
+        read_log_settings(settings);
         open_logs();
-        read_site(settings);
-        log_shutdown_message(
-            "The configuration file located at the following path is used: " + server_config.config_path, context);
-        if (server_config.start_https) read_tls(settings);
-        read_ports(settings);
-        const std::string cache_ignore = value_or_empty(settings, "cache_ignore");
-        if (!cache_ignore.empty()) load_cache_ignore(cache_ignore, context);
+        read_server_settings(settings, context);
         return true;
     } catch (const std::exception& error) {
         const std::string text = std::string("\nError reading configuration: \n") + error.what() + " ";
@@ -168,4 +154,22 @@ std::string get_starting_directory() {
     const ssize_t length = readlink("/proc/self/exe", target, sizeof target);
     if (length < 0) return "";
     return std::filesystem::path(std::string(target, static_cast<std::size_t>(length))).parent_path().string();
+}
+
+void read_log_settings(const Settings& settings) {
+    ServerConfig& config = server_config;
+    // Intended: the first and the last are two names for the one HTTP log, and the last wins.
+    read_log(settings, "use_log", "log_file", config.http_log_enabled, config.http_log_file);
+    read_log(settings, "use_log_https", "log_file_https", config.https_log_enabled, config.https_log_file);
+    read_log(settings, "use_log_http", "log_file_http", config.http_log_enabled, config.http_log_file);
+}
+
+void read_server_settings(const Settings& settings, const std::string& context) {
+    read_site(settings);
+    log_shutdown_message("The configuration file located at the following path is used: " + server_config.config_path,
+                         context);
+    if (server_config.start_https) read_tls(settings);
+    read_ports(settings);
+    const std::string cache_ignore = value_or_empty(settings, "cache_ignore");
+    if (!cache_ignore.empty()) load_cache_ignore(cache_ignore, context);
 }

@@ -5,7 +5,6 @@
 #include <cstring>
 #include <ctime>
 #include <sstream>
-#include <stdexcept>
 
 namespace {
 
@@ -36,10 +35,14 @@ std::string thread_id_text() {
 
 }  // namespace
 
+std::runtime_error log_open_error(const std::string& path, int error) {
+    return std::runtime_error("Failed to open log file: " + path + " - " + std::strerror(error));
+}
+
 Logger::Logger(const std::string& path, std::int32_t lowest_level) : min_level(lowest_level) {
     file.open(path, std::ios::app);
     const int error = errno;  // now: putting the text together may change it
-    if (!file) throw std::runtime_error("Failed to open log file: " + path + " - " + std::strerror(error));
+    if (!file) throw log_open_error(path, error);
     writer = std::thread(&Logger::run, this);
 }
 

@@ -7,6 +7,7 @@
 #include <deque>
 #include <fstream>
 #include <mutex>
+#include <stdexcept>
 #include <string>
 #include <thread>
 
@@ -20,6 +21,9 @@ struct LogEntry {
     std::string level;  // Intended: kept with the entry but not printed.
     std::string message;
 };
+
+// The error of a log file that cannot be opened; error is the errno of the attempt.
+std::runtime_error log_open_error(const std::string& path, int error);
 
 // One log file and the thread that writes it. Callers only queue; the file is touched by the writer alone.
 // A Logger is never destroyed: its writer runs until the process ends.

@@ -1,0 +1,100 @@
+#include "check/site_files.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <filesystem>
+#include <set>
+
+#include "config/server_config.h"
+#include "http/file_cache.h"
+#include "http/request.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+class Search {
+  public:
+    Site site;
+
+    // relative is the path of a directory below the website, or "" for the website itself.
+    void look_through(const fs::path& relative) {
+        const fs::path directory = server_config.website_path / relative;
+        std::error_code error;
+        if (!directories_seen.insert(fs::canonical(directory, error).string()).second) return;  // links in a circle
+        fs::directory_iterator entries(directory, error);
+        if (error) {
+            leave_out(relative, error.message());
+            return;
+        }
+        std::set<fs::path> names;  // in a fixed order
+        for (const fs::directory_entry& entry : entries) names.insert(entry.path().filename());
+        for (const fs::path& name : names) look_at(relative / name);
+    }
+
+  private:
+    void look_at(const fs::path& relative) {
+        std::error_code error;
+        const fs::path path = server_config.website_path / relative;
+        const fs::file_status status = fs::status(path, error);
+        std::string canonical_name;
+        if (!fs::exists(status)) {
+            leave_out(relative, "a link that leads nowhere");
+        } else if (!is_path_allowed(relative.string(), &canonical_name)) {
+            leave_out(relative, "leads out of the website directory (403)");
+        } else if (fs::is_directory(status)) {
+            look_through(relative);
+        } else if (!fs::is_regular_file(status)) {
+            leave_out(relative, "not a regular file");
+        } else {
+            take(relative, canonical_name);
+        }
+    }
+
+    void take(const fs::path& relative, const std::string& canonical_name) {
+        const std::string entry = relative.string();
+        std::error_code error;
+        const std::uintmax_t size = fs::file_size(canonical_name, error);
+        if (access(canonical_name.c_str(), R_OK) != 0) {
+            leave_out(relative, "cannot be read (404)");
+        } else if (size == 0) {
+            leave_out(relative, "empty (404 over HTTPS)");
+        } else if (entry.find_first_of(" \t\n\v\f\r?") != std::string::npos) {
+            leave_out(relative, "a blank or \"?\" in the name cannot be asked for");
+        } else if (files_seen.insert(canonical_name).second) {
+            site.files.push_back({entry, canonical_name, size});
+        }
+    }
+
+    void leave_out(const fs::path& relative, const std::string& reason) {
+        site.unserved.push_back((relative.empty() ? "." : relative.string()) + ": " + reason);
+    }
+
+    std::set<std::string> directories_seen;
+    std::set<std::string> files_seen;
+};
+
+}  // namespace
+
+Site find_site_files() {
+    Search search;
+    search.look_through("");
+    const auto by_entry = [](const SiteFile& a, const SiteFile& b) { return a.entry < b.entry; };
+    std::sort(search.site.files.begin(), search.site.files.end(), by_entry);
+    return search.site;
+}
+
+std::vector<SiteFile> files_to_ignore(const std::vector<SiteFile>& files) {
+    std::array<const SiteFile*, cache_slot_count> kept{};
+    for (const SiteFile& file : files) {
+        const SiteFile*& largest = kept[cache_slot(file.canonical_name)];
+        if (largest == nullptr || file.size > largest->size) largest = &file;
+    }
+    std::vector<SiteFile> ignored;
+    for (const SiteFile& file : files) {
+        if (kept[cache_slot(file.canonical_name)] != &file) ignored.push_back(file);
+    }
+    return ignored;
+}
