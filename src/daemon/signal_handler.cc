@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
+#include <utility>
 
 #include "daemon/daemonize.h"
 #include "daemon/run_state.h"
@@ -49,20 +50,47 @@ static_assert(std::atomic<Ending>::is_always_lock_free);
     _exit(status);
 }
 
-// Returns true in the one thread that is to end the process. When another thread is at it, the caller waits for the end
-// here, so that nothing it was doing, a fault included, can disturb it. Returns false when the caller itself is at it.
+// Returns true in the one thread that is to end the process. From then on no signal interrupts it but a fault of its
+// own and the alarm.
 bool claim_ending(std::int32_t status) {
-    Ending current{0, 0};
-    if (ending.compare_exchange_strong(current, Ending{gettid(), status})) {
-        sigset_t alarm_only;
-        sigemptyset(&alarm_only);
-        sigaddset(&alarm_only, SIGALRM);
-        pthread_sigmask(SIG_UNBLOCK, &alarm_only, nullptr);
-        alarm(ending_seconds);
-        return true;
-    }
-    while (current.thread != gettid()) pause();
-    return false;
+    Ending none{0, 0};
+    if (!ending.compare_exchange_strong(none, Ending{gettid(), status})) return false;
+    hold_signals();
+    sigset_t alarm_only;
+    sigemptyset(&alarm_only);
+    sigaddset(&alarm_only, SIGALRM);
+    pthread_sigmask(SIG_UNBLOCK, &alarm_only, nullptr);
+    alarm(ending_seconds);
+    return true;
+}
+
+bool is_fault(std::int32_t number) {
+    return number == SIGSEGV || number == SIGBUS || number == SIGFPE;
+}
+
+// A fault that a thread causes strikes again as soon as the handler returns; one that somebody sent does not. This
+// tells the two apart: true once in each thread.
+bool is_first_strike() {
+    static thread_local bool was_struck = false;
+    return !std::exchange(was_struck, true);
+}
+
+// True when this handler has interrupted that of a request to end, before that one could claim the end: a thread blocks
+// the signal whose handler it runs, and where signals are held it blocks SIGHUP too.
+bool is_request_underway() {
+    sigset_t blocked;
+    pthread_sigmask(SIG_BLOCK, nullptr, &blocked);
+    const auto is_blocked = [&blocked](int number) { return sigismember(&blocked, number) == 1; };
+    return !is_blocked(SIGHUP) && (is_blocked(SIGINT) || is_blocked(SIGQUIT) || is_blocked(SIGTERM));
+}
+
+// What a signal comes to when the process is ending already: the status stays that of the first one.
+void come_second(std::int32_t number) {
+    if (is_fault(number) && is_first_strike()) return;
+    const Ending claimed = ending.load();
+    // Any other thread waits for the end here, so that nothing it was doing can disturb it.
+    while (claimed.thread != gettid()) pause();
+    if (is_fault(number) || number == SIGABRT) end_at_once(claimed.status);
 }
 
 void stop_serving() {
@@ -92,17 +120,6 @@ void stop_serving() {
     end_process(1);
 }
 
-// A fault in the thread that is ending the process cannot be returned from.
-void claim_after_fault() {
-    if (!claim_ending(1)) end_at_once(ending.load().status);
-}
-
-void end_on_request() {
-    if (!claim_ending(0)) return;
-    log_shutdown_message(shutdown_text, "");
-    full_release(0);
-}
-
 void reap_children() {
     const int error = errno;  // the interrupted code may be about to read it
     while (waitpid(-1, nullptr, WNOHANG) > 0) {
@@ -110,33 +127,43 @@ void reap_children() {
     errno = error;
 }
 
-// The signals that are held back: all but the faults, which strike the thread that caused them.
+// The signals that are held back: all but the faults, which strike the thread that caused them. An abort of its own
+// reaches a thread nevertheless.
 sigset_t held_signals() {
     sigset_t set;
     sigfillset(&set);
-    for (const int fault : {SIGILL, SIGTRAP, SIGABRT, SIGBUS, SIGFPE, SIGSEGV, SIGSYS}) sigdelset(&set, fault);
+    for (const int fault : {SIGILL, SIGTRAP, SIGBUS, SIGFPE, SIGSEGV, SIGSYS}) sigdelset(&set, fault);
     return set;
 }
 
 }  // namespace
 
 void signal_handler(std::int32_t number) {
+    if (is_fault(number) && gettid() != getpid() && is_first_strike()) {
+        // One that was sent comes here when the main thread has another one to take first: it is to queue up there.
+        tgkill(getpid(), getpid(), number);
+        return;
+    }
+    if ((is_fault(number) || number == SIGABRT) && is_request_underway()) return;  // the request came first
+
     if (number == SIGSEGV || number == SIGABRT) {
-        claim_after_fault();
+        if (!claim_ending(1)) return come_second(number);
         active_servers.fetch_sub(1);
         log_shutdown_message(number == SIGSEGV ? memory_text : abort_text, "");
         short_release();
     } else if (number == SIGBUS) {
         // Intended: unlike SIGSEGV this does not lower active_servers.
-        claim_after_fault();
+        if (!claim_ending(1)) return come_second(number);
         log_shutdown_message(memory_text, "");
         short_release();
     } else if (number == SIGINT || number == SIGQUIT || number == SIGTERM) {
-        end_on_request();
+        if (!claim_ending(0)) return come_second(number);
+        log_shutdown_message(shutdown_text, "");
+        full_release(0);
     } else if (number == SIGCHLD) {
         reap_children();
     } else if (number == SIGFPE) {
-        claim_after_fault();
+        if (!claim_ending(1)) return come_second(number);
         log_shutdown_message(arithmetic_text, "");
         full_release(1);
     } else if (number == SIGALRM && ending.load().thread != 0) {
