@@ -21,7 +21,8 @@
 namespace {
 
 constexpr std::size_t request_limit = 4096;
-constexpr std::size_t read_block = 65536;
+constexpr std::size_t first_block = 16384;
+constexpr std::size_t next_block = 65536;
 constexpr std::chrono::milliseconds send_pause{10};
 
 // Sends everything, waiting for a slow client as long as it takes. Returns false when the connection fails.
@@ -41,17 +42,19 @@ bool send_all(int client_socket, std::string_view bytes) {
 
 // Every byte that the stream yields until it ends or fails; none from a directory.
 std::vector<char> read_whole(std::ifstream& file, const std::string& name) {
-    std::error_code error;
-    const std::uintmax_t size = std::filesystem::file_size(name, error);
-    // One byte more than there should be, so that the end is met in the first read.
-    std::size_t wanted = error ? read_block : static_cast<std::size_t>(size) + 1;
-    std::size_t filled = 0;
     std::vector<char> body;
+    std::size_t filled = 0;
+    std::size_t wanted = first_block;  // a small file is read at once, without asking for its size
     while (file) {
         body.resize(filled + wanted);
         file.read(body.data() + filled, static_cast<std::streamsize>(wanted));
         filled += static_cast<std::size_t>(file.gcount());
-        wanted = read_block;
+        wanted = next_block;
+        if (filled == first_block) {
+            std::error_code error;
+            const std::uintmax_t size = std::filesystem::file_size(name, error);
+            if (!error && size > filled) wanted = static_cast<std::size_t>(size) - filled + 1;  // and the end of it
+        }
     }
     body.resize(filled);
     return body;
