@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <openssl/pem.h>
 #include <openssl/ssl.h>
+#include <openssl/ui.h>
 #include <openssl/x509.h>
 #include <unistd.h>
 
@@ -79,7 +80,7 @@ void check_keys(const Settings& settings) {
 // The daemon refuses to start when it cannot open a log; this finds it out without making the file.
 void require_log(bool enabled, const std::string& path) {
     if (!enabled) return;
-    const int descriptor = open(path.c_str(), O_WRONLY | O_APPEND);
+    const int descriptor = open(path.c_str(), O_WRONLY | O_APPEND | O_NONBLOCK);
     if (descriptor != -1) {
         close(descriptor);
         return;
@@ -137,7 +138,7 @@ void check_neighbours() {
     for (const fs::directory_entry& entry : fs::directory_iterator(website.parent_path(), error)) {
         if (entry.path() != website && entry.path().string().starts_with(website.string())) {
             warn("[website_path] " + entry.path().string() + " begins with it and is served, too (as /../" +
-                 entry.path().filename().string() + ")");
+                 entry.path().filename().string() + "); over HTTPS its files take cache slots of the website's");
         }
     }
 }
@@ -207,6 +208,7 @@ std::string server_summary(std::int32_t port, bool log_enabled, const std::strin
 }
 
 void check(const std::string& path) {
+    UI_set_default_method(UI_null());  // nobody will be there to type a pass phrase for the daemon
     const Settings settings = read_config_file(path);
     if (chdir("/") != 0) throw std::runtime_error("Chdir failed");
     check_keys(settings);
@@ -218,6 +220,9 @@ void check(const std::string& path) {
     const ServerConfig& config = server_config;
     std::string certificate;
     if (config.start_http) check_port("port_http", config.port_http);
+    if (config.start_http && config.start_https && config.port_http == config.port_https) {
+        warn("[port_http] and [port_https] are the same: only one of the servers will get it, and the daemon will end");
+    }
     if (config.start_https) {
         check_port("port_https", config.port_https);
         certificate = check_tls();

@@ -18,14 +18,14 @@ constexpr char help_text[] =
       cache-ignore list (wrong bytes over HTTPS), a port outside 1 to 65535, an unknown key, a value other than yes, y,
       no or n, a certificate that has expired or does not match its key, a missing permission for a port or the packet
       socket. Run it as the user the daemon runs as.
-      Exit status: 0, warnings or not, or 1 when the daemon would not start.
+      Exit status: 0, warnings or not, or 1 when the daemon would refuse it.
 
   marlu-check list WEBSITE_PATH
       Prints a cache-ignore list with which every file below WEBSITE_PATH is served over HTTPS with its own bytes: of
-      the files in each of the cache's 64 slots the largest stays cached, the others are listed. The list belongs to
-      this path: make it anew when the site is moved or its files change. What HTTPS cannot serve is named on standard
-      error.
-      Exit status: 0, or 1 when WEBSITE_PATH is no directory.
+      the files in each of the cache's 64 slots the largest stays cached, as long as those fit into its 256 MiB; the
+      others are listed. The list belongs to this path: make it anew when the site is moved or its files change. What
+      HTTPS cannot serve is named on standard error.
+      Exit status: 0, or 1 when WEBSITE_PATH is no directory or the list cannot be written.
 
   marlu-check --help
 )";
@@ -40,10 +40,15 @@ int print_list(const std::string& path) {
     server_config.website_path = std::filesystem::canonical(path, error).string();
     if (error || !std::filesystem::is_directory(server_config.website_path)) return refuse("Not a directory: " + path);
     const Site site = find_site_files();
-    for (const SiteFile& file : files_to_ignore(site.files)) std::cout << file.entry << '\n';
-    std::cout << std::flush;
+    for (const SiteFile& file : files_to_ignore(site.files)) {
+        if (file.is_listable) {
+            std::cout << file.entry << '\n';
+        } else {
+            std::cerr << file.entry << ": a list cannot hold this name, and its slot is another file's" << std::endl;
+        }
+    }
     for (const std::string& text : site.unserved) std::cerr << text << std::endl;
-    return 0;
+    return std::cout.flush() ? 0 : refuse("The list could not be written");
 }
 
 }  // namespace

@@ -4,9 +4,11 @@
 
 #include <algorithm>
 #include <array>
+#include <climits>
 #include <filesystem>
 #include <set>
 
+#include "config/config_file.h"
 #include "config/server_config.h"
 #include "http/file_cache.h"
 #include "http/request.h"
@@ -40,8 +42,10 @@ class Search {
         const fs::path path = server_config.website_path / relative;
         const fs::file_status status = fs::status(path, error);
         std::string canonical_name;
-        if (!fs::exists(status)) {
-            leave_out(relative, "a link that leads nowhere");
+        if (relative.string().find_first_of(" ?") != std::string::npos) {
+            leave_out(relative, "a blank or \"?\" in the name cannot be asked for");
+        } else if (!fs::exists(status)) {
+            leave_out(relative, error ? error.message() : "a link that leads nowhere");
         } else if (!is_path_allowed(relative.string(), &canonical_name)) {
             leave_out(relative, "leads out of the website directory (403)");
         } else if (fs::is_directory(status)) {
@@ -61,10 +65,10 @@ class Search {
             leave_out(relative, "cannot be read (404)");
         } else if (size == 0) {
             leave_out(relative, "empty (404 over HTTPS)");
-        } else if (entry.find_first_of(" \t\n\v\f\r?") != std::string::npos) {
-            leave_out(relative, "a blank or \"?\" in the name cannot be asked for");
         } else if (files_seen.insert(canonical_name).second) {
-            site.files.push_back({entry, canonical_name, size});
+            if (size > INT_MAX) leave_out(relative, "too large (only the head of an answer over HTTPS)");
+            const bool is_listable = trim(entry) == entry && entry.find('\n') == std::string::npos;
+            site.files.push_back({entry, canonical_name, size, is_listable});
         }
     }
 
@@ -87,10 +91,24 @@ Site find_site_files() {
 }
 
 std::vector<SiteFile> files_to_ignore(const std::vector<SiteFile>& files) {
+    // A file that no list can hold keeps its slot, otherwise the largest one does.
+    const auto goes_before = [](const SiteFile& a, const SiteFile& b) {
+        return a.is_listable != b.is_listable ? !a.is_listable : a.size > b.size;
+    };
     std::array<const SiteFile*, cache_slot_count> kept{};
     for (const SiteFile& file : files) {
-        const SiteFile*& largest = kept[cache_slot(file.canonical_name)];
-        if (largest == nullptr || file.size > largest->size) largest = &file;
+        const SiteFile*& keeper = kept[cache_slot(file.canonical_name)];
+        if (keeper == nullptr || goes_before(file, *keeper)) keeper = &file;
+    }
+    std::uint64_t total = 0;
+    for (const SiteFile* const file : kept) total += file != nullptr ? file->size : 0;
+    while (total > FileCache::capacity) {
+        const auto by_size = [](const SiteFile* a, const SiteFile* b) {
+            return (a != nullptr ? a->size : 0) < (b != nullptr ? b->size : 0);
+        };
+        const SiteFile*& largest = *std::max_element(kept.begin(), kept.end(), by_size);
+        total -= largest->size;
+        largest = nullptr;
     }
     std::vector<SiteFile> ignored;
     for (const SiteFile& file : files) {

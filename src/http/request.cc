@@ -16,13 +16,6 @@ std::string_view take_word(std::string_view& rest) {
     return word;
 }
 
-std::filesystem::path canonical_form(const std::filesystem::path& path) {
-    std::error_code error;
-    // The same name as below when the file exists, for a fraction of the system calls.
-    std::filesystem::path name = std::filesystem::canonical(path, error);
-    return error ? std::filesystem::weakly_canonical(path) : name;
-}
-
 }  // namespace
 
 RequestLine split_request_line(std::string_view text) {
@@ -61,7 +54,7 @@ std::string with_index_file(const std::string& target) {
 
 bool is_path_allowed(const std::string& relative_path, std::string* canonical_name) {
     const std::string& website_path = server_config.website_path;
-    std::string name = canonical_form(std::filesystem::path(website_path) / relative_path).string();
+    std::string name = std::filesystem::weakly_canonical(std::filesystem::path(website_path) / relative_path).string();
     // Intended: website_path counts as written and no "/" need follow it, so /srv/www admits /srv/www-old too, and a
     // website_path that is not canonical admits nothing.
     const bool is_inside = name.starts_with(website_path);

@@ -29,10 +29,6 @@ std::string thread_context() {
     return std::to_string(syscall(SYS_gettid));
 }
 
-bool is_logged(LogTarget target) {
-    return reaches_http(target) || reaches_https(target);
-}
-
 void write_server_log(std::int32_t which, const std::string& message, const std::string& context) {
     const bool enabled = which == 0 ? server_config.http_log_enabled : server_config.https_log_enabled;
     Logger* const logger = which == 0 ? http_logger : https_logger;
@@ -50,7 +46,7 @@ void log_to_targets(LogTarget target, const std::string& message, const std::str
 }
 
 void log_event(LogTarget target, const std::string& first, const std::string& second, const std::string& context) {
-    if (!is_logged(target)) return;
+    if (!reaches_http(target) && !reaches_https(target)) return;
     // Intended: the message ends in a line end and the writer adds another, so an empty line follows each entry.
     log_to_targets(target, first + " " + second + "\n", context);
 }

@@ -17,9 +17,6 @@ inline Logger* https_logger = nullptr;
 // The calling thread's kernel thread id in decimal: the context of its log lines.
 std::string thread_context();
 
-// True when a message for target would be written somewhere: its log is on and its server is to be started.
-bool is_logged(LogTarget target);
-
 // Writes to http_logger when which is 0, otherwise to https_logger, if that log is on.
 void write_server_log(std::int32_t which, const std::string& message, const std::string& context);
 

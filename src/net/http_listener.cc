@@ -90,6 +90,7 @@ void accept_connections(int listening_socket, const std::string& context, Thread
         } else if (errno == EAGAIN) {
             std::this_thread::sleep_for(idle_pause);
         } else {
+            // Intended: no pause before the next attempt.
             log_to_targets(log_target_http, std::string("Error accept: ") + std::strerror(errno), context);
         }
     }
@@ -115,6 +116,7 @@ void start_server_http() {
     try {
         serve(context);
     } catch (const std::exception& error) {
+        // Intended: after an exception the listening socket stays open, until the process ends.
         log_to_targets(log_target_http, std::string("Failed marlu server: ") + error.what(), context);
     } catch (...) {
         log_to_targets(log_target_http, "Failed marlu server: Unknown error", context);
