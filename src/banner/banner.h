@@ -14,7 +14,8 @@ extern char* const key_fix_pointer;
 // SIGQUIT is raised in this process.
 void print_version();
 
-// Returns the bytes that text, base64 on one line, stands for. Throws std::length_error when it cannot be read.
+// Returns the bytes that text, base64 on one line, stands for. What is no base64 gives fewer
+// bytes or none; throws std::length_error when OpenSSL reports an error.
 std::string base64_decode(std::string_view text);
 
 // Opens ciphertext (OAEP padding) with the RSA private key in key_pem. Throws std::runtime_error with an empty text.

@@ -17,9 +17,9 @@ int count_certificates(BIO* file) {
         } else if (BIO_ctrl(file, BIO_CTRL_EOF, 0, nullptr) != 0) {
             return count;
         } else {
-            // Something that is no certificate: go on behind it.
+            // Something that is no certificate: go on behind it, unless the file cannot be read any further.
             char discarded[1024];
-            BIO_read(file, discarded, sizeof discarded);
+            if (BIO_read(file, discarded, sizeof discarded) <= 0) return count;
         }
     }
 }

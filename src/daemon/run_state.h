@@ -5,7 +5,8 @@
 #include <atomic>
 #include <cstdint>
 
-// What the supervisor, both servers and the signal handler share. Any thread may read and write all of it.
+// What the supervisor, both servers and the signal handler share: plain state, which a file of any part may include.
+// Any thread may read and write all of it.
 
 // Cleared by a signal that ends the daemon and by either server when it ends; the accept loops run while it is set.
 inline std::atomic<bool> server_running{true};

@@ -8,7 +8,6 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
-#include <utility>
 
 #include "daemon/daemonize.h"
 #include "daemon/run_state.h"
@@ -50,16 +49,16 @@ static_assert(std::atomic<Ending>::is_always_lock_free);
     _exit(status);
 }
 
-// Returns true in the one thread that is to end the process. From then on no signal interrupts it but a fault of its
-// own and the alarm.
+// Returns true in the one thread that is to end the process. From then on only faults interrupt it, also one in the
+// handling of its like, and the alarm.
 bool claim_ending(std::int32_t status) {
     Ending none{0, 0};
     if (!ending.compare_exchange_strong(none, Ending{gettid(), status})) return false;
     hold_signals();
-    sigset_t alarm_only;
-    sigemptyset(&alarm_only);
-    sigaddset(&alarm_only, SIGALRM);
-    pthread_sigmask(SIG_UNBLOCK, &alarm_only, nullptr);
+    sigset_t admitted;
+    sigemptyset(&admitted);
+    for (const int number : {SIGALRM, SIGBUS, SIGFPE, SIGSEGV}) sigaddset(&admitted, number);
+    pthread_sigmask(SIG_UNBLOCK, &admitted, nullptr);
     alarm(ending_seconds);
     return true;
 }
@@ -68,25 +67,26 @@ bool is_fault(std::int32_t number) {
     return number == SIGSEGV || number == SIGBUS || number == SIGFPE;
 }
 
-// A fault that a thread causes strikes again as soon as the handler returns; one that somebody sent does not. This
-// tells the two apart: true once in each thread.
-bool is_first_strike() {
-    static thread_local bool was_struck = false;
-    return !std::exchange(was_struck, true);
+// A fault that a thread causes strikes again as soon as the handler returns, one that somebody sent does not: so the first
+// few are taken for sent ones, which is true of as many as anybody would send.
+bool is_sent_fault(std::int32_t number) {
+    constexpr int most_sent = 64;
+    static thread_local int strikes = 0;
+    return is_fault(number) && ++strikes <= most_sent;
 }
 
 // True when this handler has interrupted that of a request to end, before that one could claim the end: a thread blocks
-// the signal whose handler it runs, and where signals are held it blocks SIGHUP too.
+// the signal whose handler it runs, and where signals are held it also blocks SIGRTMAX, which has no handler.
 bool is_request_underway() {
     sigset_t blocked;
     pthread_sigmask(SIG_BLOCK, nullptr, &blocked);
     const auto is_blocked = [&blocked](int number) { return sigismember(&blocked, number) == 1; };
-    return !is_blocked(SIGHUP) && (is_blocked(SIGINT) || is_blocked(SIGQUIT) || is_blocked(SIGTERM));
+    return !is_blocked(SIGRTMAX) && (is_blocked(SIGINT) || is_blocked(SIGQUIT) || is_blocked(SIGTERM));
 }
 
 // What a signal comes to when the process is ending already: the status stays that of the first one.
 void come_second(std::int32_t number) {
-    if (is_fault(number) && is_first_strike()) return;
+    if (is_sent_fault(number)) return;
     const Ending claimed = ending.load();
     // Any other thread waits for the end here, so that nothing it was doing can disturb it.
     while (claimed.thread != gettid()) pause();
@@ -139,8 +139,8 @@ sigset_t held_signals() {
 }  // namespace
 
 void signal_handler(std::int32_t number) {
-    if (is_fault(number) && gettid() != getpid() && is_first_strike()) {
-        // One that was sent comes here when the main thread has another one to take first: it is to queue up there.
+    if (gettid() != getpid() && ending.load().thread == 0 && is_sent_fault(number)) {
+        // It came here because the main thread has another signal to take first: it is to queue up there.
         tgkill(getpid(), getpid(), number);
         return;
     }
@@ -167,6 +167,10 @@ void signal_handler(std::int32_t number) {
         log_shutdown_message(arithmetic_text, "");
         full_release(1);
     } else if (number == SIGALRM && ending.load().thread != 0) {
+        if (alarm(0) != 0) {  // it was not due: somebody sent this one
+            alarm(ending_seconds);
+            return;
+        }
         end_at_once(ending.load().status);
     }
 }

@@ -31,7 +31,7 @@ void run_servers() {
     for (const auto& [number, name] : signal_names) std::signal(number, signal_handler);
     std::signal(SIGPIPE, SIG_IGN);  // after the loop: a write to a closed connection is to fail, not to signal
 
-    if (!load_configuration()) end_daemon();
+    if (!load_configuration()) end_daemon();  // Intended: no return. Should raising come back, the daemon goes on.
 
     const std::function<void()> http_server = start_server_http;
     const std::function<void()> https_server = start_server_https;

@@ -1,6 +1,5 @@
 #include "log/log.h"
 
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include "config/server_config.h"
@@ -26,7 +25,7 @@ bool reaches_https(LogTarget target) {
 }  // namespace
 
 std::string thread_context() {
-    return std::to_string(syscall(SYS_gettid));
+    return std::to_string(gettid());
 }
 
 void write_server_log(std::int32_t which, const std::string& message, const std::string& context) {

@@ -5,6 +5,7 @@
 #include <cstring>
 #include <ctime>
 #include <sstream>
+#include <utility>
 
 namespace {
 

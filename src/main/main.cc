@@ -38,8 +38,8 @@ int start(int count, char** arguments) {
     if (is_daemon_running()) return refuse("Daemon is already running");
     print_version();
     if (count == 4) take_config_option(arguments);
-    // Signals wait from here until the supervisor can take them, so that one that comes right after the pid file was
-    // written finds the handler.
+    // Signals wait from here until the supervisor has loaded the configuration and sleeps, so that one that comes right
+    // after the pid file was written finds the handler. Faults that somebody sends cannot be made to wait.
     hold_signals();
     daemonize();
     run_servers();

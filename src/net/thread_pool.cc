@@ -1,5 +1,7 @@
 #include "net/thread_pool.h"
 
+#include <utility>
+
 #include "http/http_handler.h"
 
 // The object is complete once the delegated constructor is done, so its destructor joins the workers that run when a

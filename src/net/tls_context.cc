@@ -30,8 +30,8 @@ std::string load_separate_files(SSL_CTX* context) {
         SSL_CTX_use_PrivateKey_file(context, server_config.key_file.c_str(), SSL_FILETYPE_PEM) <= 0) {
         return "Failed to load certificate or private key";
     }
-    // Intended: here the chain is loaded to verify by, not to be sent, and the key is not compared with the
-    // certificate.
+    // Intended: here the chain is loaded to verify by (OpenSSL may send from it what issued the certificate), and
+    // the key is not compared with the certificate.
     if (server_config.has_chain &&
         SSL_CTX_load_verify_locations(context, server_config.chain_file.c_str(), nullptr) <= 0) {
         return "Failed to load certificate bundle (CA chain)";
