@@ -8,6 +8,7 @@
 #include <cstddef>
 #include <filesystem>
 #include <fstream>
+#include <initializer_list>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -73,25 +74,25 @@ void answer(const ClientTask& task) {
     const ssize_t count = read(task.client_socket, buffer, sizeof buffer);
     if (count < 1) return;  // Intended: a request that is not there yet is not waited for.
     const std::string_view text(buffer, static_cast<std::size_t>(count));
-    const auto log = [&task](const std::string& message) {
+    const auto log = [&task](std::initializer_list<std::string_view> message) {
         log_event(log_target_http, task.client_address, message, task.log_context);
     };
-    log(std::string(text));
+    log({text});
 
     const RequestLine request = split_request_line(text);
     if (request.method != "GET") {
-        const std::string response = method_not_allowed_response;
-        log("ERROR: " + response);
+        constexpr std::string_view response = method_not_allowed_response;
+        log({"ERROR: ", response});
         send(task.client_socket, response.data(), response.size(), MSG_NOSIGNAL);
         return;
     }
     const std::string target = with_index_file(request.target);
-    log("PATH = " + target + "\n");
+    log({"PATH = ", target, "\n"});
     std::string name;
     // Intended: an empty target throws here, and that ends the process.
     if (!is_path_allowed(target.substr(1), &name)) {
-        const std::string response = forbidden_response;
-        log("ERROR: " + response);
+        constexpr std::string_view response = forbidden_response;
+        log({"ERROR: ", response});
         send(task.client_socket, response.data(), response.size(), 0);  // Intended: no MSG_NOSIGNAL in this one.
         return;
     }

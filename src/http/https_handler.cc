@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <exception>
+#include <initializer_list>
 #include <memory>
 #include <string_view>
 
@@ -46,7 +47,7 @@ class Connection {
     // Returns true when the client is still to be told that the connection ends.
     bool serve() {
         if (is_rate_limited(client_address)) {
-            log_request(too_many_requests_text);
+            log_request({too_many_requests_text});
             return true;
         }
         if (SSL_accept(session) < 1) {
@@ -63,7 +64,9 @@ class Connection {
 
   private:
     void log(const std::string& message) { log_to_targets(log_target_https, message, log_context); }
-    void log_request(const std::string& message) { log_event(log_target_https, client_address, message, log_context); }
+    void log_request(std::initializer_list<std::string_view> message) {
+        log_event(log_target_https, client_address, message, log_context);
+    }
 
     bool is_shutdown_due(int error) {
         if (error == SSL_ERROR_SYSCALL) return false;
@@ -79,17 +82,17 @@ class Connection {
     void write(std::string_view bytes) { SSL_write(session, bytes.data(), static_cast<int>(bytes.size())); }
 
     void refuse(const char* response) {
-        log_request(std::string("ERROR: ") + response);
+        log_request({"ERROR: ", response});
         write(response);
     }
 
     void answer(const std::string& request_text) {
-        log_request(request_text);
+        log_request({request_text});
         request_history.append(request_text);
         if (!request_text.starts_with("GET /")) return refuse(method_not_allowed_response);
 
         const TargetParts target = split_target(request_text);
-        log_request("PATH = " + target.path + "\n");
+        log_request({"PATH = ", target.path, "\n"});
         std::string canonical_name;
         if (!is_path_allowed(target.path.substr(1), &canonical_name)) return refuse(forbidden_response);
         if (target.query) parse_query(*target.query);  // Intended: nothing asks for the result.

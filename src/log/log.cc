@@ -44,10 +44,18 @@ void log_to_targets(LogTarget target, const std::string& message, const std::str
     if (reaches_https(target)) write_server_log(1, message, context);
 }
 
-void log_event(LogTarget target, const std::string& first, const std::string& second, const std::string& context) {
+void log_event(LogTarget target, const std::string& first, std::string_view second, const std::string& context) {
+    log_event(target, first, {second}, context);
+}
+
+void log_event(LogTarget target, const std::string& first, std::initializer_list<std::string_view> second,
+               const std::string& context) {
     if (!reaches_http(target) && !reaches_https(target)) return;
+    std::string message = first + " ";
+    for (const std::string_view part : second) message += part;
     // Intended: the message ends in a line end and the writer adds another, so an empty line follows each entry.
-    log_to_targets(target, first + " " + second + "\n", context);
+    message += '\n';
+    log_to_targets(target, message, context);
 }
 
 void log_shutdown_message(const std::string& message, const std::string& context) {

@@ -2,7 +2,9 @@
 
 #include <chrono>
 #include <cstdint>
+#include <initializer_list>
 #include <string>
+#include <string_view>
 
 #include "log/logger.h"
 
@@ -23,8 +25,11 @@ void write_server_log(std::int32_t which, const std::string& message, const std:
 // Writes to the logs that target names, the HTTP log first, of those whose server is to be started.
 void log_to_targets(LogTarget target, const std::string& message, const std::string& context);
 
-// Writes first + " " + second and a line end, so that an empty line follows the entry.
-void log_event(LogTarget target, const std::string& first, const std::string& second, const std::string& context);
+// Writes first + " " + second and a line end, so that an empty line follows the entry. second may come in parts, which
+// are put together only if a log takes them.
+void log_event(LogTarget target, const std::string& first, std::string_view second, const std::string& context);
+void log_event(LogTarget target, const std::string& first, std::initializer_list<std::string_view> second,
+               const std::string& context);
 
 // Writes to both logs, as far as they are open and their server is to be started. For the configuration loader and the
 // signal handler.

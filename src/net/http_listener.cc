@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 #include <fcntl.h>
+#include <malloc.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -96,7 +97,16 @@ void accept_connections(int listening_socket, const std::string& context, Thread
     }
 }
 
+// A body of a megabyte or more goes back to the system as soon as it has been sent; the memory of smaller ones is kept
+// for the next.
+void settle_memory() {
+    constexpr int body_given_back = 1 << 20;
+    mallopt(M_MMAP_THRESHOLD, body_given_back);
+    mallopt(M_TRIM_THRESHOLD, 2 * body_given_back);
+}
+
 void serve(const std::string& context) {
+    settle_memory();
     std::signal(SIGPIPE, SIG_IGN);
     const int listening_socket = open_listening_socket(context);
     if (listening_socket == -1) return;
