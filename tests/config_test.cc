@@ -52,45 +52,23 @@ TEST(config, names_the_first_thing_that_is_wrong) {
     EXPECT_EQ(load("", "none"), "\nError reading configuration: \nUnable to open configuration file: none ");
 }
 
-TEST(config, looks_for_the_files_that_https_needs) {
+TEST(config, names_what_https_lacks) {
     const Certificates certificates;
-    const std::string pem = "pem_file=" + certificates.path,
-                      missing = "The path to the file is incorrect. File missing. ";
-    const std::string pair = "crt_file=test.cfg\nkey_file=test.cfg\n", cipher = "cipher_list=any\n";
+    const std::string pem = "pem_file=" + certificates.path, missing = "The path to the file is incorrect. ";
     const std::pair<std::string, std::string> cases[] = {
-        {"pem_file=.", missing + "[pem_file]"},
+        {"pem_file=.", missing + "File missing. [pem_file]"},
         {pem + "/good.key", "PEM is missing certificate [pem_file]"},
         {pem + "/good.crt", "PEM is missing a key [pem_file]"},
-        {"pem_file=\nkey_file=none", "One of the items is missing: crt_file and/or key_file"},
-        {"crt_file=none", "One of the items is missing: crt_file and/or key_file"},
+        {"pem_file=\ncrt_file=none", "One of the items is missing: crt_file and/or key_file"},
         {"crt_file=none\nkey_file=", "File path not specified: crt_file and/or key_file"},
-        {"crt_file=none\nkey_file=none", missing + "[crt_file]"},
-        {"crt_file=test.cfg\nkey_file=none", missing + "[key_file]"},
-        {pair + "chain_file=none", missing + "[chain_file]"},
-        {pair + "chain_file=\ncipher_list=\nport=x", "The list of ciphers is incorrect. [cipher_list]"},
-        {pem + "/chain.pem\nport=x", "The list of ciphers is incorrect. [cipher_list]"},
-        {pair + cipher + "cache_ignore=.", "The path to the file is incorrect. [cache_ignore]"},
+        {"crt_file=none\nkey_file=none", missing + "File missing. [crt_file]"},
+        {"crt_file=test.cfg\nkey_file=none", missing + "File missing. [key_file]"},
+        {"crt_file=test.cfg\nkey_file=test.cfg\nchain_file=none", missing + "File missing. [chain_file]"},
+        {pem + "/chain.pem\nkey_file=none\nport=x", "The list of ciphers is incorrect. [cipher_list]"},
+        {pem + "/chain.pem\ncipher_list=any\ncache_ignore=.", missing + "[cache_ignore]"},
     };
     for (const auto& [lines, error] : cases)
         EXPECT_EQ(load(good + "start_https=y\n" + lines), "\nError reading configuration: \n" + error + " ") << lines;
-
-    for (const bool has_chain : {false, true}) {
-        load(good + "start_https=y\nkey_file=none\n" + cipher + pem + (has_chain ? "/chain.pem" : "/mismatch.pem"));
-        EXPECT_TRUE(server_config.use_pem_file && server_config.has_chain == has_chain);
-        load(good + "start_https=y\n" + cipher + pair + (has_chain ? "chain_file=test.cfg" : ""));
-        EXPECT_TRUE(!server_config.use_pem_file && server_config.has_chain == has_chain);
-    }
-}
-
-TEST(config, keeps_the_canonical_names_of_listed_files) {
-    const TemporaryDirectory directory;
-    const std::string& site = directory.path;
-    std::filesystem::create_symlink("docs", site + "/link");
-    write_file(site + "/docs/a", "");
-    write_file(site + "/list", "\n \t\n //docs/a// \r\ndocs/./a\nlink/b\n../x\n/\n#c");
-    load("website_path=" + site + "\nstart_http=y\ncache_ignore=" + site + "/list");
-    const std::unordered_set<std::string> expected = {site + "/docs/a", site + "/docs/b", site, site + "/#c"};
-    EXPECT_EQ(server_config.cache_ignore_paths, expected);
 }
 
 TEST(config, combines_keys_that_mean_the_same_setting) {
