@@ -1,0 +1,57 @@
+// A plain-HTTP connection, from the bytes that a client sends to those that it gets.
+#include <sys/socket.h>
+
+#include <filesystem>
+#include <stdexcept>
+
+#include "config/server_config.h"
+#include "http/http_handler.h"
+#include "http/request.h"
+#include "http/responses.h"
+#include "input.h"
+
+namespace {
+
+std::string receive_all(int client_socket) {
+    std::string answer;
+    char buffer[65536];
+    for (ssize_t count; (count = read(client_socket, buffer, sizeof buffer)) > 0;) {
+        answer.append(buffer, static_cast<std::size_t>(count));
+    }
+    return answer;
+}
+
+void require_known_form(const std::string& answer) {
+    if (answer.empty() || answer == forbidden_response || answer == method_not_allowed_response) return;
+    const std::string length_name = "\r\nContent-Length: ";
+    const std::size_t length = answer.find(length_name) + length_name.size();
+    const std::size_t body = answer.find("\r\n\r\n") + 4;
+    const std::size_t type = std::string("HTTP/1.1 200 OK\r\nContent-Type: ").size();
+    const std::string content_type = answer.substr(type, length - length_name.size() - type);
+    require(answer.substr(0, body) == ok_header(content_type, answer.size() - body));
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    static const std::string site = std::filesystem::canonical(SITE);  // its files fit into the buffer of a socket
+    server_config.website_path = site;
+    const std::string_view request = text_of(data, size).substr(0, 4096);  // what one read takes
+    int sockets[2];
+    require(socketpair(AF_UNIX, SOCK_STREAM, 0, sockets) == 0);
+    require(write(sockets[0], request.data(), request.size()) == static_cast<ssize_t>(request.size()));
+    shutdown(sockets[0], SHUT_WR);
+    try {
+        handle_http_client({sockets[1], "127.0.0.1", "1"});
+    } catch (const std::out_of_range&) {
+        // Intended: "GET" and no more ends the daemon.
+        const RequestLine line = split_request_line(request);
+        require(line.method == "GET" && line.target.empty());
+        close(sockets[1]);
+    } catch (const std::filesystem::filesystem_error&) {
+        close(sockets[1]);  // Intended: a name that is too long ends the daemon.
+    }
+    require_known_form(receive_all(sockets[0]));
+    close(sockets[0]);
+    return 0;
+}
