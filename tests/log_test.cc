@@ -20,7 +20,7 @@ std::string written(const Logger& logger, const std::string& name) {
 
 std::string minute_now() {
     char text[32];
-    const std::time_t now = std::time(nullptr);
+    const std::time_t now = std::chrono::system_clock::to_time_t(std::chrono::system_clock::now());
     return std::string(text, std::strftime(text, sizeof text, R"(\[%d\.%m\.%Y %H:%M:)", std::localtime(&now)));
 }
 
