@@ -45,7 +45,7 @@ class Search {
         if (relative.string().find_first_of(" ?") != std::string::npos) {
             leave_out(relative, "a blank or \"?\" in the name cannot be asked for");
         } else if (!fs::exists(status)) {
-            leave_out(relative, error ? error.message() : "a link that leads nowhere");
+            leave_out(relative, error.message());
         } else if (!is_path_allowed(relative.string(), &canonical_name)) {
             leave_out(relative, "leads out of the website directory (403)");
         } else if (fs::is_directory(status)) {
