@@ -1,7 +1,10 @@
 #include "http/request.h"
 
 #include <algorithm>
+#include <climits>
 #include <filesystem>
+#include <system_error>
+#include <utility>
 
 #include "config/server_config.h"
 
@@ -14,6 +17,19 @@ std::string_view take_word(std::string_view& rest) {
     const std::string_view word = rest.substr(0, rest.find_first_of(white_space));
     rest.remove_prefix(word.size());
     return word;
+}
+
+// The weakly canonical form of path. Mostly path names a file that is there: its canonical form is tried first, which
+// spares the system the question whether it exists. Not so for what canonical() would take and the system refuses: a
+// name that is too long, or one with dots that lead through a directory that cannot be searched.
+std::string canonical_or_normal(const std::filesystem::path& path) {
+    const std::string& text = path.native();
+    if (text.size() < PATH_MAX && text.find("/.") == std::string::npos) {
+        std::error_code error;
+        std::filesystem::path canonical = std::filesystem::canonical(path, error);
+        if (!error) return std::move(canonical).string();
+    }
+    return std::filesystem::weakly_canonical(path).string();
 }
 
 }  // namespace
@@ -54,7 +70,7 @@ std::string with_index_file(const std::string& target) {
 
 bool is_path_allowed(const std::string& relative_path, std::string* canonical_name) {
     const std::string& website_path = server_config.website_path;
-    std::string name = std::filesystem::weakly_canonical(std::filesystem::path(website_path) / relative_path).string();
+    std::string name = canonical_or_normal(std::filesystem::path(website_path) / relative_path);
     // Intended: website_path counts as written and no "/" need follow it, so /srv/www admits /srv/www-old too, and a
     // website_path that is not canonical admits nothing.
     const bool is_inside = name.starts_with(website_path);
