@@ -1,10 +1,11 @@
 #include "log/logger.h"
 
+#include <pthread.h>
+
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
-#include <sstream>
 #include <utility>
 
 namespace {
@@ -28,12 +29,6 @@ std::string time_text() {
     return text;
 }
 
-std::string thread_id_text() {
-    std::ostringstream text;
-    text << std::this_thread::get_id();
-    return text.str();
-}
-
 }  // namespace
 
 std::runtime_error log_open_error(const std::string& path, int error) {
@@ -49,7 +44,7 @@ Logger::Logger(const std::string& path, std::int32_t lowest_level) : min_level(l
 
 void Logger::log(std::int32_t level, const std::string& message, const std::string& context) {
     if (level < min_level || disabled) return;
-    LogEntry entry{time_text(), thread_id_text(), context, level_text(level), message};
+    LogEntry entry{time_text(), std::to_string(pthread_self()), context, level_text(level), message};
     {
         const std::lock_guard lock(queue_mutex);
         queue.push_back(std::move(entry));
