@@ -155,6 +155,13 @@ std::ptrdiff_t Daemon::descriptor_count() const {
     return std::distance(std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/fd"), {});
 }
 
+std::size_t Daemon::resident_memory() const {
+    std::istringstream pages(read_file("/proc/" + std::to_string(pid) + "/statm"));
+    std::size_t all = 0, resident = 0;
+    pages >> all >> resident;
+    return resident * static_cast<std::size_t>(getpagesize());
+}
+
 std::string Daemon::messages(const std::string& name) const {
     static const std::regex beginning(R"(\[\d\d\.\d\d\.\d{4} \d\d:\d\d:\d\d\.\d{3}\] \(\d*\) \[\d+\] )");
     return std::regex_replace(log(name), beginning, "");

@@ -47,6 +47,7 @@ class Daemon {
 
     bool is_listening() const;  // on either port
     std::ptrdiff_t descriptor_count() const;
+    std::size_t resident_memory() const;  // bytes
     std::string log(const std::string& name = "http.log") const { return read_file(directory + "/" + name); }
     std::string messages(const std::string& name = "http.log") const;  // without what well-formed lines begin with
 

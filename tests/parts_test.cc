@@ -5,13 +5,16 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <cstring>
 #include <memory>
 #include <thread>
+#include <utility>
 
 #include "banner/banner.h"
 #include "banner/banner_text.h"
 #include "config/server_config.h"
 #include "files.h"
+#include "http/body_memory.h"
 #include "http/mime_types.h"
 #include "http/request.h"
 #include "log/log.h"
@@ -73,9 +76,26 @@ TEST(request, is_allowed_where_website_path_begins_the_name) {
         server_config.website_path = directory.path + "/link";  // not canonical
         EXPECT_FALSE(is_path_allowed(c.relative_path)) << c.relative_path;
     }
-    for (const std::string& name : {std::string("../www/loop"), std::string(256, 'n')}) {
+    const std::string too_long = "docs" + std::string(4096, '/') + "a.html";
+    for (const std::string& name : {std::string("../www/loop"), std::string(256, 'n'), too_long}) {
         EXPECT_THROW(is_path_allowed(name), std::filesystem::filesystem_error) << name;
     }
+}
+
+TEST(body_memory, is_kept_for_a_body_that_fits) {
+    constexpr std::size_t mib = 1 << 20;
+    const auto use = [](std::size_t size) {
+        BodyMemory memory = take_body_memory(size);
+        std::memset(memory.bytes.get(), 1, size);
+        const std::size_t got = memory.size;
+        keep_body_memory(std::move(memory));
+        return got;
+    };
+    const std::size_t sizes[][2] = {
+        {8 * mib, 8 * mib}, {mib, 8 * mib}, {9 * mib, 9 * mib}, {17 * mib, 17 * mib}, {mib - 1, mib - 1}};
+    for (const auto& [size, got] : sizes) EXPECT_EQ(use(size), got);
+    release_body_memory();
+    EXPECT_EQ(use(mib), mib);
 }
 
 TEST(content_type, follows_the_last_dot_of_the_whole_path) {

@@ -1,21 +1,21 @@
 #include "http/http_handler.h"
 
-#include <sys/mman.h>
+#include <fcntl.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstddef>
-#include <cstdint>
-#include <filesystem>
-#include <fstream>
 #include <initializer_list>
 #include <string>
 #include <string_view>
 #include <thread>
-#include <vector>
+#include <utility>
 
+#include "http/body_memory.h"
 #include "http/mime_types.h"
 #include "http/request.h"
 #include "http/responses.h"
@@ -24,8 +24,7 @@
 namespace {
 
 constexpr std::size_t request_limit = 4096;
-constexpr std::size_t small_file = 16384;
-constexpr std::size_t read_block = 65536;
+constexpr std::size_t small_file = 128 << 10;
 constexpr std::chrono::milliseconds send_pause{10};
 
 // Sends everything, waiting for a slow client as long as it takes. Returns false when the connection fails.
@@ -43,44 +42,48 @@ bool send_all(int client_socket, std::string_view bytes) {
     return true;
 }
 
-// Has a large body made of large pages, which takes a quarter off the time to fill and send it. Where there are none
-// nothing is lost.
-void prefer_large_pages(const std::vector<char>& body) {
-    constexpr std::uintptr_t page = 4096;
-    constexpr std::size_t large_page = 2 << 20;
-    if (body.capacity() < large_page) return;
-    const auto begin = reinterpret_cast<std::uintptr_t>(body.data());
-    const std::uintptr_t first_page = (begin + page - 1) / page * page;
-    madvise(reinterpret_cast<void*>(first_page), begin + body.capacity() - first_page, MADV_HUGEPAGE);
-}
-
-// Every byte that the stream yields until it ends or fails; none from a directory.
-std::vector<char> read_whole(std::ifstream& file, const std::string& name) {
-    std::vector<char> body;
-    std::size_t filled = 0;
-    std::size_t block = small_file;  // a small file is read at once, without asking for its size
-    while (file) {
-        body.resize(filled + block);
-        file.read(body.data() + filled, static_cast<std::streamsize>(block));
-        filled += static_cast<std::size_t>(file.gcount());
-        if (filled == small_file) {
-            std::error_code error;
-            const std::uintmax_t size = std::filesystem::file_size(name, error);
-            if (!error) body.reserve(static_cast<std::size_t>(size) + read_block);
-            prefer_large_pages(body);
+// A file's content, in memory that is kept for the next file.
+class Body {
+  public:
+    // Reads every byte until the file ends or fails; none from a directory.
+    explicit Body(int file) {
+        for (;;) {
+            if (size == memory.size) make_room(file);
+            const ssize_t count = read(file, memory.bytes.get() + size, memory.size - size);
+            if (count > 0) {
+                size += static_cast<std::size_t>(count);
+            } else if (count == 0 || errno != EINTR) {
+                return;
+            }
         }
-        block = read_block;  // a read that fails loses what it had of its block
     }
-    body.resize(filled);
-    return body;
-}
+    ~Body() { keep_body_memory(std::move(memory)); }
+    Body(const Body&) = delete;
+    Body& operator=(const Body&) = delete;
+
+    std::string_view bytes() const { return {memory.bytes.get(), size}; }
+
+  private:
+    // Makes room for the whole file if its size is known, and for twice as much as there is otherwise.
+    void make_room(int file) {
+        struct stat status;
+        const bool is_known = fstat(file, &status) == 0;
+        const std::size_t room = is_known ? static_cast<std::size_t>(status.st_size) + 1 : 0;
+        BodyMemory larger = take_body_memory(std::max(room, 2 * size));
+        std::copy_n(memory.bytes.get(), size, larger.bytes.get());
+        keep_body_memory(std::exchange(memory, std::move(larger)));
+    }
+
+    BodyMemory memory = take_body_memory(small_file);  // a small file is read at once, its size is not asked for
+    std::size_t size = 0;
+};
 
 void send_file(int client_socket, const std::string& name) {
-    std::ifstream file(name, std::ios::binary);
-    if (!file) return;  // Intended: there is no 404 over plain HTTP.
-    const std::vector<char> body = read_whole(file, name);
-    if (send_all(client_socket, ok_header(MimeTypes(name), body.size())))
-        send_all(client_socket, {body.data(), body.size()});
+    const int file = open(name.c_str(), O_RDONLY);
+    if (file == -1) return;  // Intended: there is no 404 over plain HTTP.
+    const Body body(file);
+    close(file);
+    if (send_all(client_socket, ok_header(MimeTypes(name), body.bytes().size()))) send_all(client_socket, body.bytes());
 }
 
 void answer(const ClientTask& task) {

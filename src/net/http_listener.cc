@@ -18,6 +18,7 @@
 
 #include "config/server_config.h"
 #include "daemon/run_state.h"
+#include "http/body_memory.h"
 #include "http/responses.h"
 #include "log/log.h"
 #include "net/client_task.h"
@@ -29,6 +30,7 @@ namespace {
 constexpr int backlog = 4096;
 constexpr std::size_t worker_count = 4;
 constexpr std::chrono::milliseconds idle_pause{100};
+constexpr int pauses_until_release = 3;
 
 bool set_non_blocking(int descriptor) {
     const int flags = fcntl(descriptor, F_GETFL);
@@ -82,14 +84,21 @@ void admit_or_refuse(int client_socket, const sockaddr_in& peer, const std::stri
 }
 
 void accept_connections(int listening_socket, const std::string& context, ThreadPool& pool) {
+    int idle_pauses = 0;  // in a row
     while (server_running) {
         sockaddr_in peer{};
         socklen_t length = sizeof peer;
         const int client_socket = accept(listening_socket, reinterpret_cast<sockaddr*>(&peer), &length);
         if (client_socket != -1) {
+            idle_pauses = 0;
             admit_or_refuse(client_socket, peer, context, pool);
         } else if (errno == EAGAIN) {
             std::this_thread::sleep_for(idle_pause);
+            if (idle_pauses < pauses_until_release) {
+                ++idle_pauses;
+            } else {
+                release_body_memory();
+            }
         } else {
             // Intended: no pause before the next attempt.
             log_to_targets(log_target_http, std::string("Error accept: ") + std::strerror(errno), context);
@@ -97,12 +106,11 @@ void accept_connections(int listening_socket, const std::string& context, Thread
     }
 }
 
-// A body of a megabyte or more goes back to the system as soon as it has been sent; the memory of smaller ones is kept
-// for the next.
+// The C library keeps the memory of small bodies for the next one. Large ones are kept elsewhere, see body_memory.h.
 void settle_memory() {
-    constexpr int body_given_back = 1 << 20;
-    mallopt(M_MMAP_THRESHOLD, body_given_back);
-    mallopt(M_TRIM_THRESHOLD, 2 * body_given_back);
+    constexpr int large_body = 1 << 20;
+    mallopt(M_MMAP_THRESHOLD, large_body);
+    mallopt(M_TRIM_THRESHOLD, 2 * large_body);
 }
 
 void serve(const std::string& context) {
