@@ -11,6 +11,16 @@
 #include "daemon/daemonize.h"
 #include "files.h"
 
+// What the daemon answers.
+inline const std::string forbidden = "HTTP/1.1 403 Forbidden\r\nContent-Length: 0\r\n\r\n";
+inline const std::string not_allowed = "HTTP/1.1 405 Method Not Allowed\r\n\r\n";
+inline std::string ok(const std::string& type, const std::string& body) {
+    return "HTTP/1.1 200 OK\r\nContent-Type: " + type + "\r\nContent-Length: " + std::to_string(body.size()) +
+           "\r\n\r\n" + body;
+}
+
+inline const std::string large(15 << 20, 'x');  // more than the sockets hold
+
 // Returns a shell command's standard output, standard error and status (128 and its number for a signal), "|" between.
 std::string run(const std::string& command);
 

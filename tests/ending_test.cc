@@ -73,7 +73,7 @@ TEST(stop, works_as_soon_as_there_is_a_pid_file) {
 
 TEST(stop, works_twice_and_while_all_workers_are_busy) {
     Daemon daemon;
-    std::filesystem::resize_file(daemon.site + "/index.html", 16 << 20);  // more than the sockets hold
+    write_file(daemon.site + "/index.html", large);
     for (int held = 0; held < 4; ++held) daemon.hold_worker("GET /");
     for (int queued = 0; queued < 4; ++queued) daemon.send_request("GET /");
     EXPECT_EQ(run(MARLUSERVER " stop"), "||0");

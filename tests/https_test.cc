@@ -12,18 +12,10 @@
 namespace {
 
 const Certificates certificates;
-const std::string forbidden = "HTTP/1.1 403 Forbidden\r\nContent-Length: 0\r\n\r\n";
-const std::string not_allowed = "HTTP/1.1 405 Method Not Allowed\r\n\r\n";
 const std::string not_found =
     "HTTP/1.1 404 Not Found\r\nContent-Type: text/html\r\n\r\n"
     "<html><body><h1>404 Not Found</h1><p>The requested file was not found.</p></body></html>";
 const std::string shutdown_line = "Shutting down server...\n";
-const std::string large(16 << 20, 'x');  // more than the sockets hold
-
-std::string ok(const std::string& type, const std::string& body) {
-    return "HTTP/1.1 200 OK\r\nContent-Type: " + type + "\r\nContent-Length: " + std::to_string(body.size()) +
-           "\r\n\r\n" + body;
-}
 
 // One connection of exactly one version; it is closed without a word.
 struct TlsClient {

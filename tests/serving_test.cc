@@ -7,15 +7,6 @@
 
 namespace {
 
-const std::string forbidden = "HTTP/1.1 403 Forbidden\r\nContent-Length: 0\r\n\r\n";
-const std::string not_allowed = "HTTP/1.1 405 Method Not Allowed\r\n\r\n";
-const std::string large(15 << 20, 'x');  // more than the sockets hold
-
-std::string ok(const std::string& type, const std::string& body) {
-    return "HTTP/1.1 200 OK\r\nContent-Type: " + type + "\r\nContent-Length: " + std::to_string(body.size()) +
-           "\r\n\r\n" + body;
-}
-
 std::string first_messages(const Daemon& daemon) {
     return "The configuration file located at the following path is used: " + daemon.config_file +
            "\nServer started on port " + std::to_string(daemon.port) + "\nServing files from: " + daemon.site + "\n";
