@@ -1,7 +1,6 @@
 #include "http/request.h"
 
 #include <algorithm>
-#include <climits>
 #include <filesystem>
 #include <system_error>
 #include <utility>
@@ -19,16 +18,12 @@ std::string_view take_word(std::string_view& rest) {
     return word;
 }
 
-// The weakly canonical form of path. Mostly path names a file that is there: its canonical form is tried first, which
-// spares the system the question whether it exists. Not so for what canonical() would take and the system refuses: a
-// name that is too long, or one with dots that lead through a directory that cannot be searched.
+// The weakly canonical form of path. Mostly path is the canonical name of a file that is there: to find that out at once
+// spares the system the question whether the file exists. All else takes the long way, links too, because the system may
+// refuse to follow one that canonical() follows.
 std::string canonical_or_normal(const std::filesystem::path& path) {
-    const std::string& text = path.native();
-    if (text.size() < PATH_MAX && text.find("/.") == std::string::npos) {
-        std::error_code error;
-        std::filesystem::path canonical = std::filesystem::canonical(path, error);
-        if (!error) return std::move(canonical).string();
-    }
+    std::error_code error;
+    if (std::filesystem::canonical(path, error).native() == path.native() && !error) return path.string();
     return std::filesystem::weakly_canonical(path).string();
 }
 
