@@ -94,7 +94,9 @@ TEST(body_memory, is_kept_for_a_body_that_fits) {
     const std::size_t sizes[][2] = {
         {8 * mib, 8 * mib}, {mib, 8 * mib}, {9 * mib, 9 * mib}, {17 * mib, 17 * mib}, {mib - 1, mib - 1}};
     for (const auto& [size, got] : sizes) EXPECT_EQ(use(size), got);
-    release_body_memory();
+    for (int pause = 0; pause < 3; ++pause) age_body_memory();
+    EXPECT_EQ(use(mib), 9 * mib);
+    for (int pause = 0; pause < 4; ++pause) age_body_memory();
     EXPECT_EQ(use(mib), mib);
 }
 

@@ -9,7 +9,7 @@ struct BodyMemory {
     std::size_t size = 0;
 };
 
-// Memory for the bodies of large files costs more to get from the system than to fill, so up to four pieces of 1 to
+// Memory for the bodies of large files takes the system long to get and to set to zero, so up to four pieces of 1 to
 // 16 MiB are kept from one answer to the next. All three functions may be called from any thread.
 
 // Returns memory of at least size bytes, which is the caller's. Throws std::bad_alloc.
@@ -18,5 +18,6 @@ BodyMemory take_body_memory(std::size_t size);
 // Keeps memory for a later answer, or gives it back to the system.
 void keep_body_memory(BodyMemory memory);
 
-// Gives what is kept back to the system. For a server that has nothing to do.
-void release_body_memory();
+// Gives what is kept back to the system once this has been called four times in a row without one of the others being
+// called for a large body. For a server that pauses.
+void age_body_memory();

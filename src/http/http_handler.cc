@@ -64,7 +64,7 @@ class Body {
     std::string_view bytes() const { return {memory.bytes.get(), size}; }
 
   private:
-    // Makes room for the whole file if its size is known, and for twice as much as there is otherwise.
+    // Makes room for the whole file, as far as its size is known, and at least for twice as much as there is.
     void make_room(int file) {
         struct stat status;
         const bool is_known = fstat(file, &status) == 0;

@@ -30,7 +30,6 @@ namespace {
 constexpr int backlog = 4096;
 constexpr std::size_t worker_count = 4;
 constexpr std::chrono::milliseconds idle_pause{100};
-constexpr int pauses_until_release = 3;
 
 bool set_non_blocking(int descriptor) {
     const int flags = fcntl(descriptor, F_GETFL);
@@ -84,21 +83,15 @@ void admit_or_refuse(int client_socket, const sockaddr_in& peer, const std::stri
 }
 
 void accept_connections(int listening_socket, const std::string& context, ThreadPool& pool) {
-    int idle_pauses = 0;  // in a row
     while (server_running) {
         sockaddr_in peer{};
         socklen_t length = sizeof peer;
         const int client_socket = accept(listening_socket, reinterpret_cast<sockaddr*>(&peer), &length);
         if (client_socket != -1) {
-            idle_pauses = 0;
             admit_or_refuse(client_socket, peer, context, pool);
         } else if (errno == EAGAIN) {
             std::this_thread::sleep_for(idle_pause);
-            if (idle_pauses < pauses_until_release) {
-                ++idle_pauses;
-            } else {
-                release_body_memory();
-            }
+            age_body_memory();
         } else {
             // Intended: no pause before the next attempt.
             log_to_targets(log_target_http, std::string("Error accept: ") + std::strerror(errno), context);
