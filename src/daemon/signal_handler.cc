@@ -114,7 +114,7 @@ void stop_serving() {
     end_process(status);
 }
 
-// Intended: after a fault the sockets and the TLS context are left to the kernel.
+// Intended: after these the sockets and the TLS context are left to the kernel, but not after an arithmetic error.
 [[noreturn]] void short_release() {
     stop_serving();
     end_process(1);
