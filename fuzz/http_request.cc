@@ -31,6 +31,15 @@ void require_known_form(const std::string& answer) {
     require(answer.substr(0, body) == ok_header(content_type, answer.size() - body));
 }
 
+// The short way to a file leads where the long one does.
+void require_same_file(const std::string& relative_path) {
+    std::string plain_name, name;
+    const int file = open_plain_file(relative_path, &plain_name);
+    if (file == -1) return;
+    close(file);
+    require(is_path_allowed(relative_path, &name) && name == plain_name);
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
@@ -52,6 +61,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         close(sockets[1]);  // Intended: a name that is too long ends the daemon.
     }
     require_known_form(receive_all(sockets[0]));
+    const std::string target = with_index_file(split_request_line(request).target);
+    if (!target.empty()) require_same_file(target.substr(1));
     close(sockets[0]);
     return 0;
 }

@@ -73,8 +73,15 @@ TEST(request, is_allowed_where_website_path_begins_the_name) {
         server_config.website_path = website_path;
         EXPECT_EQ(is_path_allowed(c.relative_path, &name), c.allowed) << c.relative_path;
         EXPECT_EQ(name, c.name);
-        server_config.website_path = directory.path + "/link";  // not canonical
-        EXPECT_FALSE(is_path_allowed(c.relative_path)) << c.relative_path;
+        const int file = open_plain_file(c.relative_path, &name);
+        EXPECT_EQ(file != -1, c.relative_path == "docs/a.html") << c.relative_path;
+        close(file);
+        EXPECT_TRUE(file == -1 || name == c.name) << name;
+        for (const char* const not_canonical : {"/link", "/./www"}) {
+            server_config.website_path = directory.path + not_canonical;
+            EXPECT_FALSE(is_path_allowed(c.relative_path)) << c.relative_path;
+            EXPECT_EQ(open_plain_file(c.relative_path, &name), -1) << c.relative_path;
+        }
     }
     const std::string too_long = "docs" + std::string(4096, '/') + "a.html";
     for (const std::string& name : {std::string("../www/loop"), std::string(256, 'n'), too_long}) {

@@ -78,9 +78,8 @@ class Body {
     std::size_t size = 0;
 };
 
-void send_file(int client_socket, const std::string& name) {
-    const int file = open(name.c_str(), O_RDONLY);
-    if (file == -1) return;  // Intended: there is no 404 over plain HTTP.
+// Sends the file that is called name, and closes it.
+void send_file(int client_socket, int file, const std::string& name) {
     const Body body(file);
     close(file);
     if (send_all(client_socket, ok_header(MimeTypes(name), body.bytes().size()))) send_all(client_socket, body.bytes());
@@ -105,15 +104,20 @@ void answer(const ClientTask& task) {
     }
     const std::string target = with_index_file(request.target);
     log({"PATH = ", target, "\n"});
+    const std::string relative_path = target.substr(1);  // Intended: an empty target throws, which ends the process.
     std::string name;
-    // Intended: an empty target throws here, and that ends the process.
-    if (!is_path_allowed(target.substr(1), &name)) {
-        constexpr std::string_view response = forbidden_response;
-        log({"ERROR: ", response});
-        send(task.client_socket, response.data(), response.size(), 0);  // Intended: no MSG_NOSIGNAL in this one.
-        return;
+    int file = open_plain_file(relative_path, &name);
+    if (file == -1) {
+        if (!is_path_allowed(relative_path, &name)) {
+            constexpr std::string_view response = forbidden_response;
+            log({"ERROR: ", response});
+            send(task.client_socket, response.data(), response.size(), 0);  // Intended: no MSG_NOSIGNAL in this one.
+            return;
+        }
+        file = open(name.c_str(), O_RDONLY);
     }
-    send_file(task.client_socket, name);
+    if (file == -1) return;  // Intended: there is no 404 over plain HTTP.
+    send_file(task.client_socket, file, name);
 }
 
 }  // namespace

@@ -1,8 +1,12 @@
 #include "http/request.h"
 
+#include <fcntl.h>
+#include <linux/openat2.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <filesystem>
-#include <system_error>
 #include <utility>
 
 #include "config/server_config.h"
@@ -18,13 +22,11 @@ std::string_view take_word(std::string_view& rest) {
     return word;
 }
 
-// The weakly canonical form of path. Mostly path is the canonical name of a file that is there: to find that out at once
-// spares the system the question whether the file exists. All else takes the long way, links too, because the system may
-// refuse to follow one that canonical() follows.
-std::string canonical_or_normal(const std::filesystem::path& path) {
-    std::error_code error;
-    if (std::filesystem::canonical(path, error).native() == path.native() && !error) return path.string();
-    return std::filesystem::weakly_canonical(path).string();
+// True when nothing in path has to be removed or put in order: it is absolute, and none of its parts is empty or begins
+// with a dot.
+bool is_plain(std::string_view path) {
+    return path.starts_with('/') && !path.ends_with('/') && path.find("//") == path.npos &&
+           path.find("/.") == path.npos && path.find('\0') == path.npos;
 }
 
 }  // namespace
@@ -65,10 +67,19 @@ std::string with_index_file(const std::string& target) {
 
 bool is_path_allowed(const std::string& relative_path, std::string* canonical_name) {
     const std::string& website_path = server_config.website_path;
-    std::string name = canonical_or_normal(std::filesystem::path(website_path) / relative_path);
+    std::string name = std::filesystem::weakly_canonical(std::filesystem::path(website_path) / relative_path).string();
     // Intended: website_path counts as written and no "/" need follow it, so /srv/www admits /srv/www-old too, and a
     // website_path that is not canonical admits nothing.
     const bool is_inside = name.starts_with(website_path);
     if (canonical_name != nullptr) *canonical_name = std::move(name);
     return is_inside;
+}
+
+int open_plain_file(const std::string& relative_path, std::string* canonical_name) {
+    *canonical_name = server_config.website_path + "/" + relative_path;
+    if (!server_config.website_path.starts_with('/') || !is_plain(*canonical_name)) return -1;
+    open_how how{};
+    how.flags = O_RDONLY;
+    how.resolve = RESOLVE_NO_SYMLINKS;
+    return static_cast<int>(syscall(SYS_openat2, AT_FDCWD, canonical_name->c_str(), &how, sizeof how));
 }
