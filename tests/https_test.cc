@@ -211,17 +211,6 @@ TEST(https, keeps_what_it_served_unless_it_is_listed) {
     }
 }
 
-TEST(https, serves_the_bundled_site_with_its_list) {
-    EXPECT_EQ(run(MARLU_CHECK " list " SITE " >/run/list"), "||0");
-    const TlsDaemon daemon("cache_ignore=/run/list\nwebsite_path=" SITE "\n");
-    for (const auto& entry : std::filesystem::recursive_directory_iterator(SITE)) {
-        if (!entry.is_regular_file()) continue;
-        const std::string name = std::filesystem::relative(entry.path(), SITE), body = read_file(entry.path());
-        const std::string end = "\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
-        for (int time = 0; time < 2; ++time) EXPECT_TRUE(daemon.answer("GET /" + name + " ").ends_with(end)) << name;
-    }
-}
-
 TEST(https, ends_in_the_middle_of_an_answer) {
     for (const bool is_read : {false, true, false, true, false, true}) {
         TlsDaemon daemon;

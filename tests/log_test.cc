@@ -1,9 +1,7 @@
 #include <gtest/gtest.h>
 
-#include <map>
 #include <regex>
 #include <thread>
-#include <vector>
 
 #include "config/server_config.h"
 #include "files.h"
@@ -73,26 +71,4 @@ TEST(log, writes_where_the_log_is_on_and_its_server_starts) {
             std::filesystem::remove(directory.path + name);
         }
     }
-}
-
-TEST(log, keeps_every_line_whole_when_many_threads_log) {
-    constexpr int thread_count = 8, line_count = 500;
-    Logger& logger = *new Logger(directory.path + "/many", log_debug);
-    std::vector<std::thread> threads;
-    for (int thread = 0; thread < thread_count; ++thread) {
-        threads.emplace_back([&logger, thread] {
-            for (int line = 0; line < line_count; ++line) logger.log(0, std::to_string(line), std::to_string(thread));
-        });
-    }
-    for (std::thread& thread : threads) thread.join();
-
-    std::istringstream text(written(logger, "/many"));
-    std::map<std::string, int> next;  // each thread's lines come in its own order
-    const std::regex form(R"(\[[\d. :]{23}\] \(([0-7])\) \[\d+\] (\d+))");
-    std::smatch parts;
-    for (std::string line; std::getline(text, line);) {
-        ASSERT_TRUE(std::regex_match(line, parts, form)) << line;
-        ASSERT_EQ(parts[2], std::to_string(next[parts[1]]++)) << line;
-    }
-    for (int thread = 0; thread < thread_count; ++thread) EXPECT_EQ(next[std::to_string(thread)], line_count);
 }
