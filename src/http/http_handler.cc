@@ -78,7 +78,7 @@ class Body {
     std::size_t size = 0;
 };
 
-// Sends the file that is called name, and closes it.
+// Sends the content of file, whose name decides on the content type, and closes file.
 void send_file(int client_socket, int file, const std::string& name) {
     const Body body(file);
     close(file);

@@ -22,8 +22,8 @@ std::string_view take_word(std::string_view& rest) {
     return word;
 }
 
-// True when nothing in path has to be removed or put in order: it is absolute, and none of its parts is empty or begins
-// with a dot.
+// True when nothing in path has to be removed or put in order: it is absolute, none of its parts is empty or begins with
+// a dot, and it holds no NUL, where the system would take it to end.
 bool is_plain(std::string_view path) {
     return path.starts_with('/') && !path.ends_with('/') && path.find("//") == path.npos &&
            path.find("/.") == path.npos && path.find('\0') == path.npos;
@@ -76,8 +76,9 @@ bool is_path_allowed(const std::string& relative_path, std::string* canonical_na
 }
 
 int open_plain_file(const std::string& relative_path, std::string* canonical_name) {
+    if (server_config.website_path.empty()) return -1;  // it must not become "/"
     *canonical_name = server_config.website_path + "/" + relative_path;
-    if (!server_config.website_path.starts_with('/') || !is_plain(*canonical_name)) return -1;
+    if (!is_plain(*canonical_name)) return -1;
     open_how how{};
     how.flags = O_RDONLY;
     how.resolve = RESOLVE_NO_SYMLINKS;

@@ -38,7 +38,8 @@ std::string with_index_file(const std::string& target);
 // long, links in a circle, a directory that cannot be searched).
 bool is_path_allowed(const std::string& relative_path, std::string* canonical_name = nullptr);
 
-// The short way to a file, in one system call and without a moment between check and opening: opens for reading what
-// relative_path names if that is written in canonical form, no link is on the way and the file can be opened. Returns a
-// descriptor, which is the caller's, and sets *canonical_name. Otherwise returns -1, and is_path_allowed has to decide.
+// The short way to a file: one system call that checks and opens. Opens for reading what relative_path names if
+// website_path is absolute, no part of the joined name is empty or begins with a dot, no link is on the way and the file
+// can be opened. Returns a descriptor, which is the caller's, and sets *canonical_name. Otherwise returns -1, with
+// anything in *canonical_name, and is_path_allowed has to decide.
 int open_plain_file(const std::string& relative_path, std::string* canonical_name);

@@ -1,6 +1,6 @@
 // Control-flow protection asks that whatever the system or the loader enters begins with a landing instruction. The C
-// library's own entry points (_start, _init, _fini) lack it. CMakeLists.txt puts these in their place, so that what the
-// program is marked with is true. _init and _fini did nothing else than to serve a profiler.
+// library's own entry points (_start, _init, _fini) lack it. CMakeLists.txt puts these in their place, so that the
+// program is rightly marked as protected. _init and _fini do nothing but start a profiler.
 asm(R"(
     .text
     .globl landing_start
@@ -8,6 +8,7 @@ asm(R"(
 landing_start:
     endbr64
     jmp _start
+    .size landing_start, . - landing_start
 )");
 
 extern "C" {

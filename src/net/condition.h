@@ -6,8 +6,9 @@
 #include <mutex>
 
 // A condition variable whose notifications cost the notifying thread next to nothing. With the standard one a listener
-// that wakes workers in quick succession has to wait for those that it woke before, and each of them enters the system
-// once more when it unlocks: a tenth of the cost of a small answer.
+// that wakes workers in quick succession has to wait for those that it woke before, and each of them, which locks as if
+// others waited for the lock, enters the system once more to unlock: a tenth of the cost of a small answer.
+// All threads that wait on one have to wait for the same thing: who comes later may take the wake-up of who came before.
 class Condition {
   public:
     Condition() { sem_init(&wake_ups, 0, 0); }
@@ -19,7 +20,7 @@ class Condition {
     template <class Predicate>
     void wait(std::unique_lock<std::mutex>& lock, Predicate holds) {
         while (!holds()) {
-            ++waiting;  // while locked, so that who changes what holds() looks at afterwards finds this thread counted
+            ++waiting;  // while locked: whoever then changes what holds() looks at finds this thread counted
             lock.unlock();
             while (sem_wait(&wake_ups) != 0) {  // interrupted by a signal
             }
