@@ -76,7 +76,7 @@ bool is_path_allowed(const std::string& relative_path, std::string* canonical_na
 }
 
 int open_plain_file(const std::string& relative_path, std::string* canonical_name) {
-    if (server_config.website_path.empty()) return -1;  // it must not become "/"
+    if (server_config.website_path.empty()) return -1;  // names are then relative to the working directory
     *canonical_name = server_config.website_path + "/" + relative_path;
     if (!is_plain(*canonical_name)) return -1;
     open_how how{};
