@@ -1,0 +1,152 @@
+"""The network of docs/deployment.md: machines with marlu, two balancers, and visitors behind a router.
+
+    visitors --- 198.51.100.0/24 --- router --- 192.0.2.0/24 --- first, second --- 10.77.1.0/24 --- one, two, three (four)
+"""
+import os
+import shutil
+import subprocess
+
+from network import Machine, make_network, run, wait_for
+
+DEPLOY = os.path.dirname(os.path.dirname(os.path.realpath(__file__)))
+ADDRESS = "192.0.2.10"  # the one that moves
+NAME = "site.example"
+MARLUS = {"one": "10.77.1.11", "two": "10.77.1.12", "three": "10.77.1.13", "four": "10.77.1.14"}
+BALANCERS = {"first": (1, 64), "second": (2, 128)}
+VISITORS = [f"198.51.100.{number}" for number in range(11, 27)]
+MARLU_CONFIGURATION = """website_path=/srv/www
+start_http=yes
+port_http=80
+use_log_http=yes
+log_file_http=/run/http.log
+"""
+
+
+class Cluster:
+    def __init__(self, work, programs, site, more_configuration=""):
+        self.work, self.programs, self.site, self.more_configuration = work, programs, site, more_configuration
+        self.machines = {}
+        self.processes = []
+        # What the machines mount stays theirs, and so does what others mount meanwhile.
+        run("mount", "--make-rprivate", "/")
+        run("ip", "link", "set", "lo", "up")
+        os.makedirs(os.path.join(work, "machines"))
+        for network in ("inside", "outside", "far"):
+            make_network(network)
+        self.make_certificates()
+
+    def path(self, *names):
+        return os.path.join(self.work, *names)
+
+    def add(self, name):
+        machine = self.machines[name] = Machine(name, self.work)
+        with open(self.path("machines", name), "w") as file:
+            file.write(machine.pid)
+        return machine
+
+    def start(self, machine, log, *command):
+        self.processes.append(machine.start(log, *command))
+
+    # Certificates: an authority of the test's own
+
+    def make_certificates(self):
+        self.ca = self.path("ca.pem")
+        run("openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes", "-days", "2", "-subj",
+            "/CN=test authority", "-keyout", self.path("ca.key"), "-out", self.ca, stdin=subprocess.DEVNULL)
+        self.make_certificate(1)
+
+    def make_certificate(self, serial):
+        key, request, certificate = (self.path("site." + kind) for kind in ("key", "csr", "crt"))
+        run("openssl", "req", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes", "-subj", "/CN=" + NAME, "-addext",
+            "subjectAltName=DNS:" + NAME, "-keyout", key, "-out", request)
+        run("openssl", "x509", "-req", "-in", request, "-CA", self.ca, "-CAkey", self.path("ca.key"), "-set_serial", str(serial),
+            "-days", "2", "-copy_extensions", "copy", "-out", certificate)
+        with open(self.path("site.pem"), "wb") as together:
+            for name in (certificate, key):
+                with open(name, "rb") as part:
+                    shutil.copyfileobj(part, together)
+
+    # Machines with marlu
+
+    def add_marlu(self, name):
+        machine = self.add(name)
+        machine.connect("inside", MARLUS[name] + "/24")
+        for program in ("marluserver", "marlu-check"):
+            machine.copy(os.path.join(self.programs, program), "/opt/marlu/" + program)
+        machine.write("/opt/marlu/marlu/marluserver.cfg", MARLU_CONFIGURATION + self.more_configuration)
+        machine.copy(self.site, "/srv/www")
+        machine.write("/srv/www/alive.txt", "alive\n")
+        # Stands for what a service manager does: the daemon comes back two seconds after its end.
+        self.start(machine, name + ".log", "sh", "-c", f"""
+            while :; do
+                {self.programs}/first_process /opt/marlu/marluserver /opt/marlu/marlu/marluserver.cfg /run/http.log
+                echo "ended with $?"
+                sleep 2
+            done""")
+        return machine
+
+    def marlu_process(self, name):
+        """The daemon's number in its machine, None when it does not run."""
+        done = subprocess.run(self.machines[name].command("pgrep", "-x", "marluserver"), text=True, stdout=subprocess.PIPE)
+        return done.stdout.strip() or None
+
+    def answers(self, name):
+        return subprocess.run(self.machines[name].command("curl", "-sfo", "/dev/null", "-m", "1", "http://localhost/alive.txt"),
+                              stdout=subprocess.DEVNULL).returncode == 0
+
+    # Balancers
+
+    def add_balancer(self, name):
+        number, first_source = BALANCERS[name]
+        machine = self.add(name)
+        machine.connect("inside", f"10.77.1.{number}/24")
+        machine.connect("outside", f"192.0.2.{number}/24")
+        machine.run("ip", "route", "add", "default", "via", "192.0.2.254")
+        machine.run(os.path.join(DEPLOY, "cluster/source_addresses"), "10.77.1", str(first_source))
+        for directory in ("haproxy", "keepalived"):
+            machine.run("mount", "-t", "tmpfs", "-o", "mode=755", "tmpfs", "/etc/" + directory)
+        machine.copy(os.path.join(DEPLOY, "haproxy"), "/etc/haproxy")
+        machine.copy(self.path("site.pem"), "/etc/haproxy/site.pem")
+        machine.copy(os.path.join(DEPLOY, "cluster/keepalived.conf"), "/etc/keepalived/keepalived.conf")
+        machine.run("mkdir", "/run/haproxy")
+        return machine
+
+    def start_balancer(self, name):
+        machine = self.machines[name]
+        machine.run("haproxy", "-c", "-f", "/etc/haproxy/haproxy.cfg")
+        machine.run("keepalived", "--config-test", "--config-id", name)
+        self.start(machine, name + ".log", "haproxy", "-W", "-p", "/run/haproxy.pid", "-f", "/etc/haproxy/haproxy.cfg")
+        self.start(machine, name + ".keepalived.log", "keepalived", "--dont-fork", "--log-console", "--config-id", name)
+
+    def reload_balancer(self, name):
+        """As "systemctl reload haproxy" does."""
+        machine = self.machines[name]
+        machine.run("haproxy", "-c", "-f", "/etc/haproxy/haproxy.cfg")
+        before = machine.run("pgrep", "-P", machine.run("cat", "/run/haproxy.pid").strip()).split()
+        machine.run("sh", "-c", "kill -USR2 $(cat /run/haproxy.pid)")
+        wait_for(lambda: set(machine.run("pgrep", "-P", machine.run("cat", "/run/haproxy.pid").strip()).split()) - set(before),
+                 "a new HAProxy process")
+
+    def has_address(self, name):
+        machine = self.machines[name]
+        return machine.switched_on and ADDRESS + "/" in machine.run("ip", "-4", "address", "show", "dev", "outside")
+
+    def holder(self):
+        return [name for name in BALANCERS if name in self.machines and self.has_address(name)]
+
+    # Visitors, and the router that is between them and the balancers
+
+    def add_visitors(self):
+        router = self.add("router")
+        router.connect("outside", "192.0.2.254/24")
+        router.connect("far", "198.51.100.254/24")
+        router.set_kernel("net/ipv4/ip_forward", 1)
+        visitors = self.add("visitors")
+        visitors.connect("far", *(address + "/24" for address in VISITORS))
+        visitors.run("ip", "route", "add", "default", "via", "198.51.100.254")
+        return visitors
+
+    def curl(self, *arguments, **options):
+        return self.machines["visitors"].run("curl", "--silent", "--show-error", "--max-time", "20", "--cacert", self.ca,
+                                             "--resolve", f"{NAME}:443:{ADDRESS}", "--resolve", f"{NAME}:80:{ADDRESS}",
+                                             *arguments, **options)
