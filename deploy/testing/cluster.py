@@ -66,6 +66,17 @@ class Cluster:
                 with open(name, "rb") as part:
                     shutil.copyfileobj(part, together)
 
+    def join(self, end, other_end, delay):
+        """Joins two machines by a cable on which packets take a time. An end is a machine, an interface and addresses."""
+        ends = (end, other_end)
+        names = [text for machine, interface, _ in ends for text in (machine.pid, interface)]
+        self.processes.append(subprocess.Popen([os.path.join(self.programs, "wire"), *names, str(delay)]))
+        for machine, interface, addresses in ends:
+            wait_for(lambda: interface in machine.run("ip", "-brief", "link"), interface)
+            for address in addresses:
+                machine.run("ip", "address", "add", address, "dev", interface)
+            machine.run("ip", "link", "set", interface, "up")
+
     # Machines with marlu
 
     def add_marlu(self, name):
@@ -96,10 +107,22 @@ class Cluster:
 
     # Balancers
 
-    def add_balancer(self, name):
+    def add_balancer(self, name, delay=0):
+        """delay: milliseconds that a packet takes from the balancer to a marlu, or back."""
         number, first_source = BALANCERS[name]
         machine = self.add(name)
-        machine.connect("inside", f"10.77.1.{number}/24")
+        address = f"10.77.1.{number}/24"
+        if delay:
+            # A switch of its own at the other end of the cable.
+            switch = self.add(name + "-switch")
+            self.join((machine, "inside", [address]), (switch, "cable", []), delay)
+            switch.run("ip", "link", "add", "switch", "type", "bridge", "forward_delay", "0")
+            switch.connect("inside")
+            for port in ("cable", "inside"):
+                switch.run("ip", "link", "set", port, "master", "switch")
+            switch.run("ip", "link", "set", "switch", "up")
+        else:
+            machine.connect("inside", address)
         machine.connect("outside", f"192.0.2.{number}/24")
         machine.run("ip", "route", "add", "default", "via", "192.0.2.254")
         machine.run(os.path.join(DEPLOY, "cluster/source_addresses"), "10.77.1", str(first_source))
@@ -136,13 +159,18 @@ class Cluster:
 
     # Visitors, and the router that is between them and the balancers
 
-    def add_visitors(self):
+    def add_visitors(self, delay=0):
+        """delay: milliseconds that a packet takes from a visitor to the router, or back."""
         router = self.add("router")
         router.connect("outside", "192.0.2.254/24")
-        router.connect("far", "198.51.100.254/24")
         router.set_kernel("net/ipv4/ip_forward", 1)
         visitors = self.add("visitors")
-        visitors.connect("far", *(address + "/24" for address in VISITORS))
+        addresses = [address + "/24" for address in VISITORS]
+        if delay:
+            self.join((router, "far", ["198.51.100.254/24"]), (visitors, "far", addresses), delay)
+        else:
+            router.connect("far", "198.51.100.254/24")
+            visitors.connect("far", *addresses)
         visitors.run("ip", "route", "add", "default", "via", "198.51.100.254")
         return visitors
 
