@@ -75,7 +75,8 @@ class Cluster:
             wait_for(lambda: interface in machine.run("ip", "-brief", "link"), interface)
             for address in addresses:
                 machine.run("ip", "address", "add", address, "dev", interface)
-            machine.run("ip", "link", "set", interface, "up")
+            # Long enough for a burst: the cable is to be slow, not to lose packets.
+            machine.run("ip", "link", "set", interface, "txqueuelen", "10000", "up")
 
     # Machines with marlu
 
@@ -114,7 +115,7 @@ class Cluster:
         address = f"10.77.1.{number}/24"
         if delay:
             # A switch of its own at the other end of the cable.
-            switch = self.add(name + "-switch")
+            switch = self.add("switch")
             self.join((machine, "inside", [address]), (switch, "cable", []), delay)
             switch.run("ip", "link", "add", "switch", "type", "bridge", "forward_delay", "0")
             switch.connect("inside")
