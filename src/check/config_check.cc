@@ -137,8 +137,8 @@ void check_neighbours() {
     std::error_code error;
     for (const fs::directory_entry& entry : fs::directory_iterator(website.parent_path(), error)) {
         if (entry.path() != website && entry.path().string().starts_with(website.string())) {
-            warn("[website_path] " + entry.path().string() + " begins with it and is served, too (as /../" +
-                 entry.path().filename().string() + "); over HTTPS its files take cache slots of the website's");
+            warn("[website_path] " + entry.path().string() + " begins with it and is served too (as /../" +
+                 entry.path().filename().string() + "); over HTTPS it shares the cache slots of the website");
         }
     }
 }
@@ -150,7 +150,7 @@ void check_cache_slots() {
     const std::vector<SiteFile> missing = files_to_ignore(cached);
     if (missing.empty()) return;
     warn("[cache_ignore] " + std::to_string(missing.size()) +
-         " files share a cache slot with another and can be answered with its bytes over HTTPS, for instance " +
+         " files share a cache slot with another file and can be answered with its bytes over HTTPS, for instance " +
          missing.front().entry + ": make the list with marlu-check list " + server_config.website_path);
 }
 
@@ -221,7 +221,7 @@ void check(const std::string& path) {
     std::string certificate;
     if (config.start_http) check_port("port_http", config.port_http);
     if (config.start_http && config.start_https && config.port_http == config.port_https) {
-        warn("[port_http] and [port_https] are the same: only one of the servers will get it, and the daemon will end");
+        warn("[port_http] and [port_https] are the same: only one of the servers can bind it, and the daemon will end");
     }
     if (config.start_https) {
         check_port("port_https", config.port_https);

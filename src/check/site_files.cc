@@ -43,7 +43,7 @@ class Search {
         const fs::file_status status = fs::status(path, error);
         std::string canonical_name;
         if (relative.string().find_first_of(" ?") != std::string::npos) {
-            leave_out(relative, "a blank or \"?\" in the name cannot be asked for");
+            leave_out(relative, "a name with a blank or \"?\" cannot be requested");
         } else if (!fs::exists(status)) {
             leave_out(relative, error.message());
         } else if (!is_path_allowed(relative.string(), &canonical_name)) {
@@ -66,7 +66,7 @@ class Search {
         } else if (size == 0) {
             leave_out(relative, "empty (404 over HTTPS)");
         } else if (files_seen.insert(canonical_name).second) {
-            if (size > INT_MAX) leave_out(relative, "too large (only the head of an answer over HTTPS)");
+            if (size > INT_MAX) leave_out(relative, "too large (HTTPS sends the head only)");
             const bool is_listable = trim(entry) == entry && entry.find('\n') == std::string::npos;
             site.files.push_back({entry, canonical_name, size, is_listable});
         }
