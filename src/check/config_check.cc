@@ -191,7 +191,7 @@ std::string subject_and_days(const X509* certificate) {
 std::string check_tls() {
     const Certificate pair = read_certificate();
     if (pair.certificate && pair.key && X509_check_private_key(pair.certificate.get(), pair.key.get()) != 1) {
-        warn("the private key does not match the certificate: the HTTPS server will not start");
+        warn("the private key does not match the certificate: HTTPS will not work");
     } else {
         const std::string failure = create_ssl_context();
         free_ssl_context();
