@@ -10,8 +10,8 @@
 #include <cstdlib>
 
 #include "daemon/daemonize.h"
-#include "daemon/run_state.h"
 #include "log/log.h"
+#include "net/run_state.h"
 #include "net/tls_context.h"
 
 // Only the numbers are used.

@@ -7,10 +7,10 @@
 
 #include "config/load_configuration.h"
 #include "config/server_config.h"
-#include "daemon/run_state.h"
 #include "daemon/signal_handler.h"
 #include "net/http_listener.h"
 #include "net/https_listener.h"
+#include "net/run_state.h"
 
 namespace {
 

@@ -11,7 +11,6 @@
 #include <string_view>
 
 #include "config/server_config.h"
-#include "daemon/run_state.h"
 #include "http/file_cache.h"
 #include "http/mime_types.h"
 #include "http/request.h"
@@ -19,6 +18,7 @@
 #include "http/responses.h"
 #include "log/log.h"
 #include "net/rate_limiter.h"
+#include "net/run_state.h"
 
 namespace {
 

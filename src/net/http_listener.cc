@@ -17,12 +17,12 @@
 #include <thread>
 
 #include "config/server_config.h"
-#include "daemon/run_state.h"
 #include "http/body_memory.h"
+#include "http/client_task.h"
 #include "http/responses.h"
 #include "log/log.h"
-#include "net/client_task.h"
 #include "net/rate_limiter.h"
+#include "net/run_state.h"
 #include "net/thread_pool.h"
 
 namespace {

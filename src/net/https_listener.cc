@@ -16,9 +16,9 @@
 #include <vector>
 
 #include "config/server_config.h"
-#include "daemon/run_state.h"
 #include "http/https_handler.h"
 #include "log/log.h"
+#include "net/run_state.h"
 #include "net/tls_context.h"
 
 namespace {

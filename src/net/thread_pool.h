@@ -6,7 +6,7 @@
 #include <thread>
 #include <vector>
 
-#include "net/client_task.h"
+#include "http/client_task.h"
 #include "net/condition.h"
 
 // Worker threads that serve plain-HTTP connections in the order in which they were queued. What leaves the handler as
