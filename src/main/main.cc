@@ -8,8 +8,8 @@
 #include "banner/banner.h"
 #include "config/server_config.h"
 #include "daemon/daemonize.h"
-#include "daemon/signal_handler.h"
 #include "daemon/supervisor.h"
+#include "log/signal_hold.h"
 
 namespace {
 
@@ -38,8 +38,7 @@ int start(int count, char** arguments) {
     if (is_daemon_running()) return refuse("Daemon is already running");
     print_version();
     if (count == 4) take_config_option(arguments);
-    // Signals wait from here until the supervisor has loaded the configuration and sleeps, so that one that comes right
-    // after the pid file was written finds the handler. Faults that somebody sends cannot be made to wait.
+    // A signal that comes right after the pid file was written waits until its handler is installed.
     hold_signals();
     daemonize();
     run_servers();
