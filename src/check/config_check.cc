@@ -144,7 +144,7 @@ void check_neighbours() {
 }
 
 void check_cache_slots() {
-    std::vector<SiteFile> cached = find_site_files().files;
+    std::vector<SiteFile> cached = find_site_files(server_config.website_path).files;
     std::erase_if(cached,
                   [](const SiteFile& file) { return server_config.cache_ignore_paths.contains(file.canonical_name); });
     const std::vector<SiteFile> missing = files_to_ignore(cached);

@@ -39,7 +39,7 @@ int print_list(const std::string& path) {
     std::error_code error;
     server_config.website_path = std::filesystem::canonical(path, error).string();
     if (error || !std::filesystem::is_directory(server_config.website_path)) return refuse("Not a directory: " + path);
-    const Site site = find_site_files();
+    const Site site = find_site_files(server_config.website_path);
     for (const SiteFile& file : files_to_ignore(site.files)) {
         if (file.is_listable) {
             std::cout << file.entry << '\n';

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <condition_variable>
 #include <cstddef>
 #include <deque>
 #include <mutex>
@@ -7,7 +8,6 @@
 #include <vector>
 
 #include "http/client_task.h"
-#include "net/condition.h"
 
 // Worker threads that serve plain-HTTP connections in the order in which they were queued. What leaves the handler as
 // an exception ends the process: a worker catches nothing.
@@ -31,6 +31,6 @@ class ThreadPool {
     std::vector<std::thread> workers;
     std::deque<ClientTask> tasks;  // oldest first
     std::mutex queue_mutex;        // guards tasks and stop
-    Condition condition;
+    std::condition_variable condition;
     bool stop = false;
 };
