@@ -7,17 +7,21 @@
 #include "config/server_config.h"
 #include "http/http_handler.h"
 #include "http/request.h"
+#include "http/site_path.h"
 #include "input.h"
 
 namespace {
 
 // The short way to a file leads where the long one does.
 void require_same_file(const std::string& relative_path) {
-    std::string plain_name, name;
-    const int file = open_plain_file(relative_path, &plain_name);
-    if (file == -1) return;
-    close(file);
-    require(is_path_allowed(relative_path, &name) && name == plain_name);
+    try {
+        std::string name;
+        const bool is_allowed = is_path_allowed(server_config.website_path, relative_path, &name);
+        const OpenedFile file = open_site_file(relative_path);
+        if (file.descriptor != -1) close(file.descriptor);
+        require(file.is_allowed == is_allowed && file.canonical_name == name);
+    } catch (const std::filesystem::filesystem_error&) {
+    }
 }
 
 }  // namespace

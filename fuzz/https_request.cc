@@ -3,6 +3,7 @@
 
 #include "config/server_config.h"
 #include "http/request.h"
+#include "http/site_path.h"
 #include "input.h"
 
 namespace {
@@ -27,7 +28,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     require(target.path.starts_with('/') && target.path.find_first_of(" ?") == std::string::npos);
     try {
         std::string name;
-        const bool is_allowed = is_path_allowed(target.path.substr(1), &name);
+        const bool is_allowed = is_path_allowed(site, target.path.substr(1), &name);
         require(is_allowed == name.starts_with(site));
         require(std::filesystem::path(name).lexically_normal() == name);  // nothing is left that could lead elsewhere
         if (is_allowed && target.query) require_parts_of(*target.query);

@@ -77,7 +77,7 @@ TEST(check, warns_of_what_the_daemon_takes_and_nobody_wants) {
     } cases[] = {
         {http + "use_log=y\nlog_file=/run/new.log", ""},
         {https, ""},
-        {http + "prot=81", "unknown key [prot], did you mean [port]?"},
+        {http + "prot=81", "unknown key [prot]; the keys are"},
         {http + "use_log=Yes", "[use_log] is neither yes"},
         {http + "port=0", "[port_http] 0 is no port"},
         {https + "port_https=70000", "[port_https] 70000 is no port"},

@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <csignal>
-#include <cstring>
 #include <memory>
 #include <thread>
 #include <utility>
@@ -14,9 +13,8 @@
 #include "banner/banner_text.h"
 #include "config/server_config.h"
 #include "files.h"
-#include "http/body_memory.h"
 #include "http/mime_types.h"
-#include "http/request.h"
+#include "http/site_path.h"
 #include "log/log.h"
 #include "net/rate_limiter.h"
 #include "net/thread_pool.h"
@@ -70,41 +68,24 @@ TEST(request, is_allowed_where_website_path_begins_the_name) {
     };
     for (const auto& c : cases) {
         std::string name;
-        server_config.website_path = website_path;
-        EXPECT_EQ(is_path_allowed(c.relative_path, &name), c.allowed) << c.relative_path;
+        EXPECT_EQ(is_path_allowed(website_path, c.relative_path, &name), c.allowed) << c.relative_path;
         EXPECT_EQ(name, c.name);
-        const int file = open_plain_file(c.relative_path, &name);
-        EXPECT_EQ(file != -1, c.relative_path == "docs/a.html") << c.relative_path;
-        close(file);
-        EXPECT_TRUE(file == -1 || name == c.name) << name;
+        server_config.website_path = website_path;
+        const OpenedFile file = open_site_file(c.relative_path);
+        EXPECT_EQ(file.is_allowed, c.allowed) << c.relative_path;
+        EXPECT_EQ(file.canonical_name, c.name);
+        EXPECT_EQ(file.descriptor != -1, c.allowed && std::filesystem::exists(c.name)) << c.relative_path;
+        close(file.descriptor);
         for (const char* const not_canonical : {"/link", "/./www"}) {
             server_config.website_path = directory.path + not_canonical;
-            EXPECT_FALSE(is_path_allowed(c.relative_path)) << c.relative_path;
-            EXPECT_EQ(open_plain_file(c.relative_path, &name), -1) << c.relative_path;
+            EXPECT_FALSE(open_site_file(c.relative_path).is_allowed) << c.relative_path;
         }
     }
+    std::string name;
     const std::string too_long = "docs" + std::string(4096, '/') + "a.html";
-    for (const std::string& name : {std::string("../www/loop"), std::string(256, 'n'), too_long}) {
-        EXPECT_THROW(is_path_allowed(name), std::filesystem::filesystem_error) << name;
+    for (const std::string& path : {std::string("../www/loop"), std::string(256, 'n'), too_long}) {
+        EXPECT_THROW(is_path_allowed(website_path, path, &name), std::filesystem::filesystem_error) << path;
     }
-}
-
-TEST(body_memory, is_kept_for_a_body_that_fits) {
-    constexpr std::size_t mib = 1 << 20;
-    const auto use = [](std::size_t size) {
-        BodyMemory memory = take_body_memory(size);
-        std::memset(memory.bytes.get(), 1, size);
-        const std::size_t got = memory.size;
-        keep_body_memory(std::move(memory));
-        return got;
-    };
-    const std::size_t sizes[][2] = {
-        {8 * mib, 8 * mib}, {mib, 8 * mib}, {9 * mib, 9 * mib}, {17 * mib, 17 * mib}, {mib - 1, mib - 1}};
-    for (const auto& [size, got] : sizes) EXPECT_EQ(use(size), got);
-    for (int pause = 0; pause < 3; ++pause) age_body_memory();
-    EXPECT_EQ(use(mib), 9 * mib);
-    for (int pause = 0; pause < 4; ++pause) age_body_memory();
-    EXPECT_EQ(use(mib), mib);
 }
 
 TEST(content_type, follows_the_last_dot_of_the_whole_path) {

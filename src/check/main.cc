@@ -1,10 +1,12 @@
+#include <exception>
 #include <filesystem>
 #include <iostream>
 #include <string>
 
 #include "check/config_check.h"
+#include "check/port_wait.h"
 #include "check/site_files.h"
-#include "config/server_config.h"
+#include "config/load_configuration.h"
 
 namespace {
 
@@ -29,8 +31,9 @@ constexpr char help_text[] =
       Exit status: 0, or 1 when WEBSITE_PATH is not a directory or the list cannot be written.
 
   marlu-check wait FILE
-      Waits until the ports of the configuration FILE can be bound, at most 65 seconds.
-      Exit status: 0, or 1 when the configuration cannot be read.
+      Waits until the servers of the configuration FILE can bind their ports, at most 65 seconds: connections of the
+      previous run hold the HTTPS port for up to a minute. Does not wait for a port on which another program listens.
+      Exit status: 0, or 1 when a port stays unavailable or the daemon would refuse the configuration.
 
   marlu-check --help
 )";
@@ -42,9 +45,9 @@ int refuse(const std::string& message) {
 
 int print_list(const std::string& path) {
     std::error_code error;
-    server_config.website_path = std::filesystem::canonical(path, error).string();
-    if (error || !std::filesystem::is_directory(server_config.website_path)) return refuse("Not a directory: " + path);
-    const Site site = find_site_files();
+    const std::string website_path = std::filesystem::canonical(path, error).string();
+    if (error || !std::filesystem::is_directory(website_path)) return refuse("Not a directory: " + path);
+    const Site site = find_site_files(website_path);
     for (const SiteFile& file : files_to_ignore(site.files)) {
         if (file.is_listable) {
             std::cout << file.entry << '\n';
@@ -57,6 +60,21 @@ int print_list(const std::string& path) {
     return std::cout.flush() ? 0 : refuse("The list could not be written");
 }
 
+int run(const std::string& command, const std::string& argument) {
+    if (command == "list") return print_list(argument);
+    try {
+        if (command == "config") {
+            check_config(argument);
+        } else {
+            read_server_settings(read_as_the_daemon(argument), "");
+            wait_for_ports();
+        }
+        return 0;
+    } catch (const std::exception& error) {
+        return refuse(error.what());
+    }
+}
+
 }  // namespace
 
 int main(int argument_count, char** arguments) {
@@ -65,7 +83,8 @@ int main(int argument_count, char** arguments) {
         std::cout << help_text << std::flush;
         return 0;
     }
-    if (command == "config" && argument_count == 3) return check_config(arguments[2]) ? 0 : 1;
-    if (command == "list" && argument_count == 3) return print_list(arguments[2]);
-    return refuse("Usage: " + std::string(arguments[0]) + " config FILE | list WEBSITE_PATH | --help");
+    if ((command == "config" || command == "list" || command == "wait") && argument_count == 3) {
+        return run(command, arguments[2]);
+    }
+    return refuse("Usage: " + std::string(arguments[0]) + " config FILE | list WEBSITE_PATH | wait FILE | --help");
 }

@@ -4,7 +4,7 @@
 #include <openssl/ssl.h>
 
 #include "config/server_config.h"
-#include "daemon/run_state.h"
+#include "net/run_state.h"
 
 namespace {
 
