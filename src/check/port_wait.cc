@@ -34,8 +34,7 @@ int try_port(int (*call)(int, const sockaddr*, socklen_t), in_addr_t host, std::
     return error;
 }
 
-void wait_for_port(std::int32_t port, bool reuse) {
-    const auto deadline = std::chrono::steady_clock::now() + longest_wait;
+void wait_for_port(std::int32_t port, bool reuse, std::chrono::steady_clock::time_point deadline) {
     const auto bind_error = [&] { return try_port(bind, INADDR_ANY, port, reuse); };
     int error = bind_error();
     if (error == EADDRINUSE && try_port(connect, INADDR_LOOPBACK, port, 0) == 0) {
@@ -55,6 +54,7 @@ void wait_for_port(std::int32_t port, bool reuse) {
 }  // namespace
 
 void wait_for_ports() {
-    if (server_config.start_http) wait_for_port(server_config.port_http, true);
-    if (server_config.start_https) wait_for_port(server_config.port_https, false);
+    const auto deadline = std::chrono::steady_clock::now() + longest_wait;
+    if (server_config.start_http) wait_for_port(server_config.port_http, true, deadline);
+    if (server_config.start_https) wait_for_port(server_config.port_https, false, deadline);
 }
