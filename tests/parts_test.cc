@@ -13,6 +13,7 @@
 #include "banner/banner_text.h"
 #include "config/server_config.h"
 #include "files.h"
+#include "http/http_handler.h"
 #include "http/mime_types.h"
 #include "http/site_path.h"
 #include "log/log.h"
@@ -119,7 +120,7 @@ TEST(thread_pool, serves_all_that_is_queued_in_order_before_it_ends) {
     server_config.website_path = directory.path;
     server_config.start_http = server_config.http_log_enabled = true;
     http_logger = new Logger(directory.path + "/log", log_debug);
-    auto pool = std::make_unique<ThreadPool>(1);
+    auto pool = std::make_unique<ThreadPool>(1, handle_http_client);
     std::vector<char> body(4 << 20, 'x');  // more than a socket holds
     const std::string requests[] = {"GET /0", "GET /1", "GET /2", "GET /3", "GET /4"};
     std::vector<int> clients;
