@@ -10,10 +10,6 @@
 // What each target defines: takes one input through the code that reads such bytes in the daemon.
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
 
-inline std::string_view text_of(const std::uint8_t* data, std::size_t size) {
-    return {reinterpret_cast<const char*>(data), size};
-}
-
 // The bundled site, as website_path has to name it.
 inline const std::string site = std::filesystem::canonical(SITE);
 

@@ -1,16 +1,21 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <filesystem>
+#include <fstream>
 #include <system_error>
 #include <thread>
 #include <vector>
 
-#include "files.h"
 #include "http/file_cache.h"
 
 namespace {
 
-const TemporaryDirectory directory;
+struct Directory {
+    std::string path = "/tmp/marlu-test-XXXXXX";
+    Directory() { path = std::filesystem::canonical(mkdtemp(path.data())); }
+    ~Directory() { std::filesystem::remove_all(path); }
+} const directory;
 // Whatever was handed out stays mapped: here it can still be reached when leaks are looked for, at the very end.
 std::vector<MappedFile*>& handed_out = *new std::vector<MappedFile*>;
 
@@ -19,7 +24,7 @@ std::string file_in(std::size_t slot, const std::string& tag, std::uintmax_t siz
     int number = 0;
     std::string name = directory.path + "/" + tag;
     while (cache_slot(name) != slot) name = directory.path + "/" + tag + std::to_string(++number);
-    write_file(name, tag + std::to_string(slot));
+    std::ofstream(name) << tag << slot;
     if (size != 0) std::filesystem::resize_file(name, size);
     return name;
 }

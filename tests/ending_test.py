@@ -79,8 +79,9 @@ class Stop(unittest.TestCase):
 
 class Failures(unittest.TestCase):
     def test_of_a_request_abort_the_daemon(self):
-        for request in ("GET\r\n", "GET /" + 256 * "n"):
+        for request in ("GET\r\n", "GET /" + 256 * "n", "GET /loop"):
             with Daemon() as daemon:
+                os.symlink("loop", f"{daemon.site}/loop")
                 with contextlib.suppress(OSError):  # comes when the daemon is gone
                     wait_until(lambda: daemon.has_ended() or receive_all(daemon.send(request)))
                 self.assertEqual(daemon.wait(), 1, request)

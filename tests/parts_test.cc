@@ -1,4 +1,4 @@
-// What a connection passes through, and the banner.
+// What needs a clock of its own, and the banner.
 #include <gtest/gtest.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -7,9 +7,6 @@
 
 #include "banner/banner.h"
 #include "banner/banner_text.h"
-#include "config/server_config.h"
-#include "files.h"
-#include "http/request.h"
 #include "net/rate_limiter.h"
 
 namespace {
@@ -32,52 +29,6 @@ TEST(banner, that_cannot_be_opened_is_not_printed) {
     EXPECT_TRUE(rsa_decrypt_private(banner, key).starts_with("marlu "));
     EXPECT_THROW(rsa_decrypt_private(banner, "no key"), std::runtime_error);
     EXPECT_THROW(rsa_decrypt_private("no banner", key), std::runtime_error);
-}
-
-TEST(request, is_allowed_where_website_path_begins_the_name) {
-    const TemporaryDirectory directory;
-    const std::string website_path = directory.path + "/www";
-    write_file(website_path + "/docs/a.html", "");
-    write_file(directory.path + "/www-old/secret", "");
-    const std::string links[][2] = {
-        {"/etc/passwd", "out"},
-        {"../www-old/secret", "beside"},
-        {"loop", "loop"},
-        {"www", "../link"},
-    };
-    for (const auto& [target, link] : links) std::filesystem::create_symlink(target, website_path + "/" + link);
-    const struct {
-        std::string relative_path, name;
-        bool allowed;
-    } cases[] = {
-        {"docs/a.html", website_path + "/docs/a.html", true},
-        {"none/../docs//./a.html", website_path + "/docs/a.html", true},
-        {"none/../../x", directory.path + "/x", false},
-        {"%2e%2e/x", website_path + "/%2e%2e/x", true},
-        {"/etc/passwd", "/etc/passwd", false},
-        {"out", "/etc/passwd", false},
-        {"beside", directory.path + "/www-old/secret", true},
-        {"../www-old/none", directory.path + "/www-old/none", true},
-    };
-    for (const auto& c : cases) {
-        std::string name;
-        server_config.website_path = website_path;
-        EXPECT_EQ(is_path_allowed(c.relative_path, &name), c.allowed) << c.relative_path;
-        EXPECT_EQ(name, c.name);
-        const int file = open_plain_file(c.relative_path, &name);
-        EXPECT_EQ(file != -1, c.relative_path == "docs/a.html") << c.relative_path;
-        close(file);
-        EXPECT_TRUE(file == -1 || name == c.name) << name;
-        for (const char* const not_canonical : {"/link", "/./www"}) {
-            server_config.website_path = directory.path + not_canonical;
-            EXPECT_FALSE(is_path_allowed(c.relative_path)) << c.relative_path;
-            EXPECT_EQ(open_plain_file(c.relative_path, &name), -1) << c.relative_path;
-        }
-    }
-    const std::string too_long = "docs" + std::string(4096, '/') + "a.html";
-    for (const std::string& name : {std::string("../www/loop"), std::string(256, 'n'), too_long}) {
-        EXPECT_THROW(is_path_allowed(name), std::filesystem::filesystem_error) << name;
-    }
 }
 
 TEST(rate_limiter, admits_a_thousand_in_a_period) {
