@@ -46,9 +46,7 @@ std::runtime_error early_end() {
 }  // namespace
 
 Connection::Connection(int accepted_socket)
-    : client_socket(accepted_socket), request_deadline(Clock::now() + request_time) {
-    fcntl(client_socket, F_SETFL, O_NONBLOCK);
-}
+    : client_socket(accepted_socket), request_deadline(Clock::now() + request_time) {}
 
 Connection::~Connection() {
     if (is_more_expected) {
@@ -118,6 +116,7 @@ bool Connection::send_all(std::string_view bytes, int flags) {
 
 TlsConnection::TlsConnection(int accepted_socket, SSL_CTX* context)
     : Connection(accepted_socket), session(SSL_new(context)) {
+    fcntl(client_socket, F_SETFL, O_NONBLOCK);
     if (session == nullptr || SSL_set_fd(session, client_socket) == 0) {
         SSL_free(session);
         throw std::runtime_error("No TLS session");

@@ -13,7 +13,7 @@
 // belongs to one thread.
 class Connection {
   public:
-    // Takes over client_socket, makes it non-blocking, and closes it at the end.
+    // Takes over client_socket, which is non-blocking, and closes it at the end.
     explicit Connection(int client_socket);
     virtual ~Connection();
     Connection(const Connection&) = delete;
@@ -54,7 +54,7 @@ class Connection {
 // The same over TLS.
 class TlsConnection : public Connection {
   public:
-    // Throws std::runtime_error when a session cannot be made from context: the daemon ends, or memory is short.
+    // client_socket may still be blocking. Throws std::runtime_error when a session cannot be made from context: the daemon ends, or memory is short.
     TlsConnection(int client_socket, SSL_CTX* context);
     ~TlsConnection() override;
 
