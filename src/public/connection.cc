@@ -12,6 +12,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <new>
 #include <stdexcept>
 
 namespace {
@@ -119,7 +120,7 @@ TlsConnection::TlsConnection(int accepted_socket, SSL_CTX* context)
     fcntl(client_socket, F_SETFL, O_NONBLOCK);
     if (session == nullptr || SSL_set_fd(session, client_socket) == 0) {
         SSL_free(session);
-        throw std::runtime_error("No TLS session");
+        throw std::bad_alloc();
     }
 }
 

@@ -54,7 +54,7 @@ class Connection {
 // The same over TLS.
 class TlsConnection : public Connection {
   public:
-    // client_socket may still be blocking. Throws std::runtime_error when a session cannot be made from context: the daemon ends, or memory is short.
+    // client_socket may still be blocking. Throws std::bad_alloc when no session can be made from context, which is null when the daemon ends.
     TlsConnection(int client_socket, SSL_CTX* context);
     ~TlsConnection() override;
 

@@ -161,7 +161,7 @@ void handle_public_http(const ClientTask& task) {
         Connection connection(task.client_socket);
         if (connection.has_data()) Exchange(connection, log_target_http, task, task.log_context).serve();
     } catch (...) {
-        // No memory even to log the reason: the connection is closed, and others go on.
+        // No memory even to log the reason. The connection is closed, the others go on.
     }
 }
 
