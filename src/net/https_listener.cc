@@ -115,7 +115,6 @@ void accept_connections(const std::string& context, ThreadPool* public_pool) {
 }
 
 void serve_public(const std::string& context) {
-    SSL_CTX_up_ref(ssl_context);  // never freed: workers may make a session from it while the process exits
     ThreadPool pool(public_workers, handle_public_https);
     accept_connections(context, &pool);
 }

@@ -140,7 +140,7 @@ class Exchange {
 };
 
 void serve_tls(const ClientTask& task) {
-    TlsConnection connection(task.client_socket, ssl_context);
+    TlsConnection connection(task.client_socket, public_ssl_context);
     const std::string context = thread_context();
     if (is_rate_limited(task.client_address)) {
         log_event(log_target_https, task.client_address, too_many_requests_text, context);

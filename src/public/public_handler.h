@@ -12,5 +12,5 @@ inline constexpr std::size_t public_workers = 64;
 // Throw nothing.
 void handle_public_http(const ClientTask& task);
 
-// The same over TLS, the address check and the handshake included, with the context in ssl_context.
+// The same over TLS, the address check and the handshake included, with the context in public_ssl_context.
 void handle_public_https(const ClientTask& task);
