@@ -7,6 +7,7 @@
 #include "config/server_config.h"
 #include "http/http_handler.h"
 #include "http/request.h"
+#include "http/site_path.h"
 #include "input.h"
 
 namespace {
@@ -41,13 +42,13 @@ void take_over_https(std::string_view text) {
     }
     try {
         std::string name;
-        require(is_path_allowed(target.path.substr(1), &name) == name.starts_with(site));
+        const bool is_allowed = is_path_allowed(site, target.path.substr(1), &name);
+        require(is_allowed == name.starts_with(site));
         require(std::filesystem::path(name).lexically_normal() == name);  // nothing is left that could lead elsewhere
         // The short way to a file leads where the long one does.
-        std::string plain_name;
-        const int file = open_plain_file(target.path.substr(1), &plain_name);
-        require(file == -1 || plain_name == name);
-        close(file);
+        const OpenedFile file = open_site_file(target.path.substr(1));
+        require(file.is_allowed == is_allowed && file.canonical_name == name);
+        if (file.descriptor != -1) close(file.descriptor);
     } catch (const std::filesystem::filesystem_error&) {
         // Intended: a name that is too long ends the connection.
     }
