@@ -19,6 +19,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
+constexpr std::chrono::milliseconds first_bytes_time{200};
 constexpr std::chrono::seconds request_time{10};
 constexpr std::chrono::seconds progress_time{60};
 constexpr std::size_t piece_size = 64 << 10;
@@ -53,7 +54,7 @@ Connection::~Connection() {
     if (is_more_expected) {
         shutdown(client_socket, SHUT_WR);
         char dropped[4096];
-        while (Connection::read(dropped, sizeof dropped) > 0) {
+        while (Clock::now() < request_deadline && Connection::read(dropped, sizeof dropped) > 0) {
         }
     }
     close(client_socket);
@@ -61,7 +62,10 @@ Connection::~Connection() {
 
 bool Connection::has_data() const {
     char byte;
-    return recv(client_socket, &byte, 1, MSG_PEEK) == 1;
+    const auto peek = [&] { return recv(client_socket, &byte, 1, MSG_PEEK); };
+    const ssize_t count = peek();
+    if (count != -1 || errno != EAGAIN) return count == 1;
+    return wait_until(client_socket, POLLIN, Clock::now() + first_bytes_time) && peek() == 1;
 }
 
 ssize_t Connection::read(char* buffer, std::size_t size) {

@@ -19,7 +19,8 @@ class Connection {
     Connection(const Connection&) = delete;
     Connection& operator=(const Connection&) = delete;
 
-    // True when the client has sent something. Never waits.
+    // True when the client has sent something. Waits a moment: the kernel holds connections back until they have data, but
+    // not when a flood makes it use SYN cookies.
     bool has_data() const;
 
     // Returns as recv does: the number of bytes, 0 at the client's end, -1 when the connection failed or the request took
