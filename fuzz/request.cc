@@ -7,28 +7,60 @@
 #include "config/server_config.h"
 #include "http/http_handler.h"
 #include "http/request.h"
+#include "http/responses.h"
 #include "http/site_path.h"
 #include "input.h"
+#include "public/public_handler.h"
 
 namespace {
 
-// A plain-HTTP connection, from the bytes that a client sends to those that it gets.
+// A connection on which the client has sent its request and will send no more. The site's files fit into its buffers.
+struct Sockets {
+    explicit Sockets(std::string_view request) {
+        int pair[2];
+        require(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, pair) == 0);
+        client = pair[0];
+        server = pair[1];
+        require(write(client, request.data(), request.size()) == static_cast<ssize_t>(request.size()));
+        shutdown(client, SHUT_WR);
+    }
+    ~Sockets() { close(client); }
+
+    int client;
+    int server;  // the handler's
+};
+
 void take_over_http(std::string_view request) {
-    int sockets[2];
-    require(socketpair(AF_UNIX, SOCK_STREAM, 0, sockets) == 0);
-    require(write(sockets[0], request.data(), request.size()) == static_cast<ssize_t>(request.size()));
-    shutdown(sockets[0], SHUT_WR);
+    const Sockets sockets(request);
     try {
-        handle_http_client({sockets[1], "127.0.0.1", "1"});  // the site's files fit into the buffer of a socket
+        handle_http_client({sockets.server, "127.0.0.1", "1"});
     } catch (const std::out_of_range&) {
         // Intended: "GET" and no more ends the daemon.
         const RequestLine line = split_request_line(request);
         require(line.method == "GET" && line.target.empty());
-        close(sockets[1]);
+        close(sockets.server);
     } catch (const std::filesystem::filesystem_error&) {
-        close(sockets[1]);  // Intended: a name that is too long ends the daemon.
+        close(sockets.server);  // Intended: a name that is too long ends the daemon.
     }
-    close(sockets[0]);
+}
+
+// On a public site every request is answered, unless it names nothing.
+void take_as_public(std::string_view request) {
+    const Sockets sockets(request);
+    handle_public_http({sockets.server, "127.0.0.1", "1"});
+    char begin[sizeof forbidden_response - 1] = "";
+    const ssize_t count = read(sockets.client, begin, sizeof begin);
+    require(count >= 0);
+    const std::string_view answer(begin, static_cast<std::size_t>(count));
+    const RequestLine line = split_request_line(request.substr(0, 4096));
+    if (request.empty() || (line.method == "GET" && line.target.substr(0, line.target.find('?')).empty())) {
+        require(answer.empty());
+    } else if (line.method != "GET") {
+        require(answer == method_not_allowed_response);
+    } else {
+        require(answer == forbidden_response || answer.starts_with("HTTP/1.1 200 OK\r\nContent-Type: ") ||
+                std::string_view(not_found_response).starts_with(answer));
+    }
 }
 
 // What the HTTPS server makes of the text, up to the name of the file and the query.
@@ -61,5 +93,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const std::string_view text(reinterpret_cast<const char*>(data), size);
     take_over_http(text.substr(0, 4096));  // what one read takes
     take_over_https(text.substr(0, 4095));
+    take_as_public(text);
     return 0;
 }

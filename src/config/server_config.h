@@ -14,6 +14,7 @@ struct ServerConfig {
     bool https_log_enabled = false;
     std::string https_log_file;
     std::string website_path;  // as written in the file, less one trailing "/" or backslash
+    bool public_site = false;  // how the site is served: see public/public_handler.h; website_path is then canonical
     bool start_http = false;
     bool start_https = false;
     bool use_pem_file = false;  // pem_file is used, not crt_file and key_file

@@ -27,17 +27,6 @@ constexpr int request_limit = 4095;
 
 RequestHistory& request_history = *new RequestHistory;  // never destroyed, see config/server_config.h
 
-std::string openssl_error_text() {
-    BIO* const bio = BIO_new(BIO_s_mem());
-    if (bio == nullptr) return "Failed to allocate BIO";
-    ERR_print_errors(bio);
-    char* text = nullptr;
-    const long length = BIO_get_mem_data(bio, &text);
-    const std::string copy(text, static_cast<std::size_t>(length));
-    BIO_free(bio);
-    return copy;
-}
-
 // Ends the connection on every way out of its handler.
 struct Closing {
     SSL* session;
@@ -142,6 +131,17 @@ class Connection {
 };
 
 }  // namespace
+
+std::string openssl_error_text() {
+    BIO* const bio = BIO_new(BIO_s_mem());
+    if (bio == nullptr) return "Failed to allocate BIO";
+    ERR_print_errors(bio);
+    char* text = nullptr;
+    const long length = BIO_get_mem_data(bio, &text);
+    const std::string copy(text, static_cast<std::size_t>(length));
+    BIO_free(bio);
+    return copy;
+}
 
 void handle_https_client(SSL* session, int client_socket, const std::string& client_address) {
     const ActiveServer active;

@@ -60,6 +60,7 @@ std::string create_ssl_context() {
 
     SSL_CTX* const context = SSL_CTX_new(TLS_server_method());
     if (context == nullptr) return "Failed to create SSL context";
+    if (server_config.public_site && SSL_CTX_up_ref(context) == 1) public_ssl_context = context;
     ssl_context = context;
     const std::string failure = configure(context);
     if (!failure.empty()) free_ssl_context();
