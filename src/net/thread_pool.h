@@ -9,8 +9,8 @@
 
 #include "http/client_task.h"
 
-// Worker threads that serve connections in the order in which they were queued. An exception that leaves the handler ends
-// the process: a worker catches nothing.
+// Worker threads that serve connections in the order in which they were queued. An exception that leaves the handler
+// ends the process: a worker catches nothing.
 class ThreadPool {
   public:
     using Handler = void (*)(const ClientTask&);

@@ -23,8 +23,8 @@ class Connection {
     // not when a flood makes it use SYN cookies.
     bool has_data() const;
 
-    // Returns as recv does: the number of bytes, 0 at the client's end, -1 when the connection failed or the request took
-    // too long.
+    // Returns as recv does: the number of bytes, 0 at the client's end, -1 when the connection failed or the request
+    // took too long.
     virtual ssize_t read(char* buffer, std::size_t size);
 
     // Sends bytes. Gives up when the connection fails or the client takes nothing for too long.
@@ -34,8 +34,8 @@ class Connection {
     // when the file ends early.
     virtual void send_file(std::string_view head, int file, std::uint64_t size);
 
-    // Makes the end wait until the client has read the answer: bytes of its request that nobody has read would reset the
-    // connection. Bounded by the time for the request.
+    // Makes the end wait until the client has read the answer: bytes of its request that nobody has read would reset
+    // the connection. Bounded by the time for the request.
     void expect_more() { is_more_expected = true; }
 
   protected:
@@ -55,7 +55,8 @@ class Connection {
 // The same over TLS.
 class TlsConnection : public Connection {
   public:
-    // client_socket may still be blocking. Throws std::bad_alloc when no session can be made from context, which is null when the daemon ends.
+    // client_socket may still be blocking. Throws std::bad_alloc when no session can be made from context, which is
+    // null when the daemon ends.
     TlsConnection(int client_socket, SSL_CTX* context);
     ~TlsConnection() override;
 
