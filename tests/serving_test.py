@@ -23,7 +23,7 @@ def first_messages(daemon):
 class Http(unittest.TestCase):
     def test_answers_and_logs_byte_for_byte(self):
         begin = datetime.datetime.now()
-        daemon = self.enterContext(Daemon("use_log_https=y\n"))
+        daemon = self.enterContext(Daemon("use_log_https=y\n", "echo old >http.log && ./marluserver start"))
         for name, text in (("docs/.Css", ""), ("page.html?x=1", LARGE), ("report.pdf", "report"), ("%2e%2e/x", "x"),
                            ("../site-old/secret", "secret")):
             write(f"{daemon.site}/{name}", text)
@@ -49,7 +49,7 @@ class Http(unittest.TestCase):
             ("get / HTTP/1.1", "", NOT_ALLOWED),
             ("\t", "", NOT_ALLOWED),
         ]
-        expected = first_messages(daemon)
+        expected = "old\n" + first_messages(daemon)
         for request, target, answer in cases:
             expected += f"127.0.0.1 {request[:4096]}\n\n"
             if target:
@@ -128,11 +128,11 @@ class Http(unittest.TestCase):
         self.assertEqual(fcntl.fcntl(pipe, fcntl.F_SETPIPE_SZ, 4096), 4096)
         daemon = self.enterContext(Daemon(f"log_file={WORK}/pipe\n"))
         fill(pipe)
-        for _ in range(4):
-            daemon.answer("GET / " + 3000 * "a")
+        with futures.ThreadPoolExecutor() as clients:
+            clients.map(daemon.answer, 16 * ["GET / " + 900 * "a"])
         os.read(pipe, 4096)
         count = 0
-        while count < 8:
+        while count < 32:
             self.assertTrue(select.select([pipe], [], [], 30)[0], f"{count} lines came")
             lines = os.read(pipe, 4096).decode()
             self.assertRegex(lines, rf"\A({LOG_PREFIX}.*\n+)+\Z")
