@@ -5,7 +5,7 @@ import signal
 import unittest
 from signal import SIGABRT, SIGBUS, SIGFPE, SIGINT, SIGQUIT, SIGSEGV, SIGTERM
 
-from harness import LARGE, PROGRAMS, WORK, Daemon, fill, is_listening, receive_all, wait_until, write
+from harness import LARGE, PROGRAMS, WORK, Daemon, fill, is_listening, read, receive_all, wait_until, write
 
 SHUTDOWN_LINE = "\nShutting down server...\n"
 ABORT_LINE = "\nERROR: Abort signal. Shutting down server.\n"
@@ -60,11 +60,19 @@ class Stop(unittest.TestCase):
                     daemon.end()
                 self.assertEqual(daemon.wait(), 0)
 
-    def test_that_hangs_is_cut_short(self):
-        daemon = self.enterContext(
-            Daemon("", f"LD_PRELOAD={PROGRAMS}/tests/libhang_at_exit.so ./marluserver start"))
+    def test_works_while_a_pipe_holds_up_the_start(self):
+        os.mkfifo(f"{WORK}/unread")
+        daemon = self.enterContext(Daemon(f"log_file={WORK}/unread\n", at_once=True))
+        wait_until(lambda: read(f"/proc/{daemon.pid}/syscall").startswith("257 "))  # it waits in openat
         self.assertEqual(daemon.end(), 0)
-        self.assertTrue(daemon.messages().endswith(SHUTDOWN_LINE))
+
+    def test_that_hangs_is_cut_short(self):
+        daemon = self.enterContext(Daemon("", f"LD_PRELOAD={PROGRAMS}/tests/libhang_at_exit.so ./marluserver start"))
+        daemon.kill(SIGTERM)
+        wait_until(lambda: not os.path.exists(daemon.pid_file))
+        write(daemon.pid_file, "a new daemon's")
+        self.assertEqual(daemon.end(), 0)
+        os.remove(daemon.pid_file)
 
 
 class Failures(unittest.TestCase):

@@ -41,8 +41,8 @@ class TlsDaemon(Daemon):
 
 
 class Https(unittest.TestCase):
-    def start(self, *arguments, **options):
-        return self.enterContext(TlsDaemon(*arguments, **options))
+    def start(self, settings=""):
+        return self.enterContext(TlsDaemon(settings))
 
     def test_answers_and_logs_byte_for_byte(self):
         write(f"{TLS}/list", "\n  /fresh.txt/ \r\n../x\n")
