@@ -8,7 +8,7 @@
 // exists; afterwards every thread reads them without a lock.
 struct ServerConfig {
     std::string starting_directory;  // where the program lies
-    std::string config_path;         // the loader fills in the default when it is empty
+    std::string config_path;         // empty until the loader fills in the default
     bool http_log_enabled = false;
     std::string http_log_file;
     bool https_log_enabled = false;

@@ -113,8 +113,8 @@ class Connection {
         send_file(canonical_name, website_path + target.path);
     }
 
-    // Intended: the cache and its ignore list know a file by canonical_name; the content type follows direct_name, under
-    // which a listed file is also opened.
+    // Intended: the cache and its ignore list know a file by canonical_name; the content type follows direct_name,
+    // under which a listed file is also opened.
     void send_file(const std::string& canonical_name, const std::string& direct_name) {
         std::unique_ptr<MappedFile> uncached;
         const MappedFile* file = nullptr;

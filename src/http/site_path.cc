@@ -13,8 +13,8 @@
 
 namespace {
 
-// True when path is already canonical as written, unless a link is on the way: absolute, no empty part, none that begins
-// with a dot, no NUL.
+// True when path is already canonical as written, unless a link is on the way: absolute, no empty part, none that
+// begins with a dot, no NUL.
 bool is_plain(std::string_view path) {
     return path.starts_with('/') && !path.ends_with('/') && path.find("//") == path.npos &&
            path.find("/.") == path.npos && path.find('\0') == path.npos;
@@ -40,7 +40,8 @@ bool is_path_allowed(const std::string& website_path, const std::string& relativ
 
 OpenedFile open_site_file(const std::string& relative_path) {
     const std::string& website_path = server_config.website_path;
-    // The short way for most requests. Not with an empty website_path: names are then relative to the working directory.
+    // The short way for most requests. Not with an empty website_path: names are then relative to the working
+    // directory.
     std::string name = website_path + "/" + relative_path;
     if (!website_path.empty() && is_plain(name)) {
         const int descriptor = open_without_links(name);

@@ -48,7 +48,7 @@ std::string set_up() {
     return "";
 }
 
-// Leaves out whatever the signal handler has released, or set_up has not opened.
+// Releases whatever set_up has opened and the signal handler has not released.
 void release() {
     const int packet_socket = raw_socket.exchange(-1);
     if (packet_socket != -1) close(packet_socket);
@@ -57,7 +57,7 @@ void release() {
     free_ssl_context();
 }
 
-// Intended: once in the life of the process the names are walked through, for nothing.
+// Intended: walks through the names once in the life of the process, to no effect.
 void walk_cipher_list(SSL* session) {
     if (!cipher_list_walked) return;
     cipher_list_walked = false;

@@ -4,8 +4,8 @@
 
 #include "http/http_handler.h"
 
-// The object is complete once the delegated constructor is done, so its destructor joins the workers that run when a
-// later one cannot be started.
+// Once the delegated constructor is done, the destructor runs even if this constructor throws: when a worker cannot be
+// started, it joins those that run.
 ThreadPool::ThreadPool(std::size_t size) : ThreadPool() {
     for (std::size_t count = 0; count < size; ++count) workers.emplace_back(&ThreadPool::work, this);
 }
