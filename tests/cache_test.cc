@@ -41,8 +41,6 @@ std::string text(FileCache& cache, const std::string& name) {
     }
 }
 
-const std::string lock_error = std::system_error(EDEADLK, std::generic_category()).what();
-
 }  // namespace
 
 TEST(cache, hands_out_what_is_in_the_slot) {
@@ -79,6 +77,7 @@ TEST(cache, fails_when_room_is_to_be_made_in_the_slot_that_is_filled) {
     static FileCache cache;
     const std::string a = file_in(5, "a", half), b = file_in(6, "b", half), other = file_in(5, "other");
     MappedFile *const first = get(cache, a), *const second = get(cache, b);
+    const std::string lock_error = std::system_error(EDEADLK, std::generic_category()).what();
     EXPECT_EQ(text(cache, other), lock_error);
     EXPECT_TRUE(get(cache, b) == second && get(cache, a) == first) << "the least recently used one is met first";
     EXPECT_EQ(text(cache, other), lock_error);
