@@ -33,7 +33,7 @@ constexpr std::size_t most_threads = 256;    // more than the daemon has
 constexpr std::size_t longest_request_line = 2000;
 constexpr std::size_t longest_header = 1000;
 
-const std::pair<int, std::string> refusals[] = {
+constexpr std::pair<int, std::string_view> refusals[] = {
     {403, forbidden_response},
     {404, not_found_response},
     {405, method_not_allowed_response},
@@ -43,15 +43,20 @@ bool is_digit(char byte) {
     return byte >= '0' && byte <= '9';
 }
 
+// Takes what text has to begin with from its front.
+bool take(std::string_view& text, std::string_view beginning) {
+    if (!text.starts_with(beginning)) return false;
+    text.remove_prefix(beginning.size());
+    return true;
+}
+
 // Takes digits, and the end that has to follow them, from the front of text.
 bool take_number(std::string_view& text, std::string_view& number, std::string_view end) {
     std::size_t count = 0;
     while (count < std::min(text.size(), most_digits) && is_digit(text[count])) ++count;
     number = text.substr(0, count);
     text.remove_prefix(count);
-    if (!text.starts_with(end)) return false;
-    text.remove_prefix(end.size());
-    return true;
+    return take(text, end);
 }
 
 // Takes the first line, without its end, from the front of text.
@@ -102,7 +107,8 @@ std::pair<int, std::uintmax_t> look_up(const std::string& target) {
     try {
         std::string name;
         struct stat file;
-        if (target.empty() || !is_path_allowed(target.substr(1), &name) || stat(name.c_str(), &file) != 0) return missing;
+        if (target.empty() || !is_path_allowed(target.substr(1), &name) || stat(name.c_str(), &file) != 0)
+            return missing;
         return {200, S_ISREG(file.st_mode) ? static_cast<std::uintmax_t>(file.st_size) : 0};
     } catch (const std::filesystem::filesystem_error&) {
         return missing;
@@ -122,8 +128,7 @@ bool LogReader::split(std::string_view text, Entry& entry) {
     std::string_view thread;
     if (!take_number(text, entry.context, ") [") || !take_number(text, thread, "] ")) return false;
     entry.message = text;
-    const int month = (entry.time[3] - '0') * 10 + entry.time[4] - '0';
-    return month >= 1 && month <= 12 && std::from_chars(thread.begin(), thread.end(), entry.thread).ec == std::errc();
+    return std::from_chars(thread.begin(), thread.end(), entry.thread).ec == std::errc();
 }
 
 void LogReader::read(std::string_view bytes, std::string& lines) {
@@ -215,17 +220,17 @@ bool LogReader::adds_to_request(Thread& thread, const Entry& entry) {
         return true;
     }
     const bool is_path_expected = std::exchange(thread.expected, Thread::nothing) == Thread::path;
-    if (is_same && text.starts_with(thread.address)) {
-        text.remove_prefix(thread.address.size());
-        constexpr std::string_view path_mark = "PATH = ";
-        if (is_path_expected && text.starts_with(path_mark) && text.ends_with("\n\n")) {
-            request.target = text.substr(path_mark.size(), text.size() - path_mark.size() - 2);
+    if (is_same && take(text, thread.address) && text.ends_with('\n')) {
+        text.remove_suffix(1);
+        if (is_path_expected && text.ends_with('\n') && take(text, "PATH = ")) {
+            request.target = text.substr(0, text.size() - 1);
             thread.expected = Thread::refusal;
             return true;
         }
+        const bool is_refusal = take(text, "ERROR: ");
         for (const auto& [status, response] : refusals) {
             // A refusal is this text and no more: behind a "PATH = " the next request can begin like it.
-            if ((status == 405) != is_path_expected || text != "ERROR: " + response + '\n') continue;
+            if (!is_refusal || text != response || (status == 405) != is_path_expected) continue;
             request.status = status;
             request.size = response.size() - (response.find("\r\n\r\n") + 4);
             request.is_complete = true;
@@ -241,7 +246,9 @@ void LogReader::begin_request(Thread& thread, const Entry& entry) {
     const std::string address(text.substr(0, text.find(' ')));
     in_addr number;
     // "0.0.0.0 Failed to accept HTTPS connection" is no request.
-    if (inet_pton(AF_INET, address.c_str(), &number) != 1 || number.s_addr == 0 || !text.ends_with('\n')) return;
+    if (address.find('\0') != address.npos || inet_pton(AF_INET, address.c_str(), &number) != 1 || number.s_addr == 0 ||
+        !text.ends_with('\n'))
+        return;
     text = text.substr(address.size() + 1, text.size() - address.size() - 2);
 
     thread.number = written + waiting.size();
@@ -266,7 +273,7 @@ void LogReader::begin_request(Thread& thread, const Entry& entry) {
         if (referrer.empty()) referrer = header_value(line, "referer:");
         if (agent.empty()) agent = header_value(line, "user-agent:");
     }
-    request.back = " ";
+    request.back += ' ';
     append_quoted(request.back, referrer, longest_header);
     request.back += ' ';
     append_quoted(request.back, agent, longest_header);
@@ -277,8 +284,6 @@ void LogReader::begin_request(Thread& thread, const Entry& entry) {
 void LogReader::append_time(std::string& line, std::string_view time) {
     constexpr std::size_t minute_size = 16;
     if (!time.starts_with(minute) || minute.empty()) {
-        constexpr const char* months[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
-                                          "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
         minute = time.substr(0, minute_size);
         std::tm local{};
         std::sscanf(minute.c_str(), "%d.%d.%d %d:%d", &local.tm_mday, &local.tm_mon, &local.tm_year, &local.tm_hour,
@@ -286,11 +291,10 @@ void LogReader::append_time(std::string& line, std::string_view time) {
         local.tm_mon -= 1;
         local.tm_year -= 1900;
         local.tm_isdst = -1;
-        minute_text = minute.substr(0, 2) + '/' + months[local.tm_mon] + '/' + minute.substr(6, 4) + ':' +
-                      minute.substr(11) + ':';
         std::mktime(&local);
-        char zone[8];
-        zone_text.assign(zone, std::strftime(zone, sizeof zone, " %z", &local));
+        char text[32];
+        minute_text.assign(text, std::strftime(text, sizeof text, "%d/%b/%Y:%H:%M:", &local));
+        zone_text.assign(text, std::strftime(text, sizeof text, " %z", &local));
     }
     line += minute_text;
     line += time.substr(minute_size + 1, 2);
@@ -310,15 +314,13 @@ void LogReader::write_certain(std::uint64_t overdue, std::string& lines) {
 }
 
 void LogReader::write(const Request& request, std::string& lines) {
-    int status = request.status;
-    std::string size = std::to_string(request.size);
-    if (status == 0 && request.target && !server_config.website_path.empty()) {
-        const auto [current_status, current_size] = look_up(*request.target);
-        status = current_status;
-        size = std::to_string(current_size);
-    } else if (status == 0) {
-        status = 200;
-        size = "-";
+    lines += request.front;
+    if (request.status == 0 && (!request.target || server_config.website_path.empty())) {
+        lines += " 200 -";
+    } else {
+        const auto [status, size] =
+            request.status == 0 ? look_up(*request.target) : std::pair(request.status, request.size);
+        lines += ' ' + std::to_string(status) + ' ' + std::to_string(size);
     }
-    lines += request.front + ' ' + std::to_string(status) + ' ' + size + request.back;
+    lines += request.back;
 }

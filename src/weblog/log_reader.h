@@ -66,12 +66,12 @@ class LogReader {
 
     std::string rest;  // of the log, from the last entry on
     std::uint64_t rest_position = 0;
-    std::size_t searched = 0;    // in these first bytes of rest no other entry begins
-    bool is_at_line = true;      // rest begins where a line does
-    bool is_growing = false;     // since the last tick
+    std::size_t searched = 0;  // in these first bytes of rest no other entry begins
+    bool is_at_line = true;    // rest begins where a line does
+    bool is_growing = false;   // since the last tick
     std::deque<Request> waiting;
-    std::uint64_t written = 0;   // requests that are no longer waiting
-    std::uint64_t old = 0;       // requests that had begun at the last tick
+    std::uint64_t written = 0;  // requests that are no longer waiting
+    std::uint64_t old = 0;      // requests that had begun at the last tick
     std::unordered_map<std::uint64_t, Thread> threads;
     std::string minute, minute_text, zone_text;  // the last one converted, and what it is in a line
 };
