@@ -13,6 +13,7 @@
 #include "config/pem.h"
 #include "config/server_config.h"
 #include "log/log.h"
+#include "log/signal_hold.h"
 
 namespace {
 
@@ -139,9 +140,11 @@ bool load_configuration() {
         const Settings settings = read_config_file(server_config.config_path);
         read_log_settings(settings);
         open_logs();
+        hold_signals();  // before the first line that a log takes
         read_server_settings(settings, context);
         return true;
     } catch (const std::exception& error) {
+        hold_signals();
         const std::string text = std::string("\nError reading configuration: \n") + error.what() + " ";
         std::cerr << text << std::flush;
         log_shutdown_message(text, context);

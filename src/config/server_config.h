@@ -28,5 +28,6 @@ struct ServerConfig {
     std::unordered_set<std::string> cache_ignore_paths;  // canonical names of the files that are never cached
 };
 
-// Never destroyed: threads still read it while the process exits.
+// Never destroyed, like every object that a thread may still use while the process exits: the daemon ends while its
+// threads go on.
 inline ServerConfig& server_config = *new ServerConfig;

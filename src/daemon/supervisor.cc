@@ -7,10 +7,11 @@
 
 #include "config/load_configuration.h"
 #include "config/server_config.h"
-#include "daemon/run_state.h"
 #include "daemon/signal_handler.h"
+#include "log/signal_hold.h"
 #include "net/http_listener.h"
 #include "net/https_listener.h"
+#include "net/run_state.h"
 
 namespace {
 
@@ -31,6 +32,8 @@ void run_servers() {
     for (const auto& [number, name] : signal_names) std::signal(number, signal_handler);
     std::signal(SIGPIPE, SIG_IGN);  // after the loop: a write to a closed connection is to fail, not to signal
 
+    // Until the logs are open, so that a pipe that keeps the loader waiting does not keep a stop waiting, too.
+    admit_signals();
     if (!load_configuration()) end_daemon();  // Intended: no return. Should raising come back, the daemon goes on.
 
     const std::function<void()> http_server = start_server_http;

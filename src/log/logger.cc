@@ -8,6 +8,8 @@
 #include <ctime>
 #include <utility>
 
+#include "log/signal_hold.h"
+
 namespace {
 
 const char* level_text(std::int32_t level) {
@@ -61,6 +63,7 @@ void Logger::wait_until_written(std::chrono::steady_clock::time_point deadline) 
 }
 
 void Logger::run() {
+    hold_signals();  // the main thread, which starts this one, may have admitted them
     for (;;) {
         std::unique_lock lock(queue_mutex);
         queue_cv.wait(lock, [this] { return !queue.empty() || flush_requested || stop; });

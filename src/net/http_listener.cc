@@ -17,12 +17,11 @@
 #include <thread>
 
 #include "config/server_config.h"
-#include "daemon/run_state.h"
-#include "http/body_memory.h"
+#include "http/client_task.h"
 #include "http/responses.h"
 #include "log/log.h"
-#include "net/client_task.h"
 #include "net/rate_limiter.h"
+#include "net/run_state.h"
 #include "net/thread_pool.h"
 
 namespace {
@@ -30,6 +29,7 @@ namespace {
 constexpr int backlog = 4096;
 constexpr std::size_t worker_count = 4;
 constexpr std::chrono::milliseconds idle_pause{100};
+constexpr int pauses_between_trims = 4;  // so that traffic with gaps finds the memory of the last bodies again
 
 bool set_non_blocking(int descriptor) {
     const int flags = fcntl(descriptor, F_GETFL);
@@ -83,15 +83,17 @@ void admit_or_refuse(int client_socket, const sockaddr_in& peer, const std::stri
 }
 
 void accept_connections(int listening_socket, const std::string& context, ThreadPool& pool) {
+    int idle_pauses = 0;
     while (server_running) {
         sockaddr_in peer{};
         socklen_t length = sizeof peer;
         const int client_socket = accept(listening_socket, reinterpret_cast<sockaddr*>(&peer), &length);
         if (client_socket != -1) {
+            idle_pauses = 0;
             admit_or_refuse(client_socket, peer, context, pool);
         } else if (errno == EAGAIN) {
             std::this_thread::sleep_for(idle_pause);
-            age_body_memory();
+            if (++idle_pauses % pauses_between_trims == 0) malloc_trim(0);
         } else {
             // Intended: no pause before the next attempt.
             log_to_targets(log_target_http, std::string("Error accept: ") + std::strerror(errno), context);
@@ -99,15 +101,7 @@ void accept_connections(int listening_socket, const std::string& context, Thread
     }
 }
 
-// The C library keeps the memory of small bodies for the next one. Large ones are kept elsewhere, see body_memory.h.
-void settle_memory() {
-    constexpr int large_body = 1 << 20;
-    mallopt(M_MMAP_THRESHOLD, large_body);
-    mallopt(M_TRIM_THRESHOLD, 2 * large_body);
-}
-
 void serve(const std::string& context) {
-    settle_memory();
     std::signal(SIGPIPE, SIG_IGN);
     const int listening_socket = open_listening_socket(context);
     if (listening_socket == -1) return;

@@ -1,13 +1,13 @@
 #pragma once
 
+#include <condition_variable>
 #include <cstddef>
 #include <deque>
 #include <mutex>
 #include <thread>
 #include <vector>
 
-#include "net/client_task.h"
-#include "net/condition.h"
+#include "http/client_task.h"
 
 // Worker threads that serve plain-HTTP connections in the order in which they were queued. What leaves the handler as
 // an exception ends the process: a worker catches nothing.
@@ -31,6 +31,6 @@ class ThreadPool {
     std::vector<std::thread> workers;
     std::deque<ClientTask> tasks;  // oldest first
     std::mutex queue_mutex;        // guards tasks and stop
-    Condition condition;
+    std::condition_variable condition;
     bool stop = false;
 };

@@ -5,13 +5,12 @@
 #include <atomic>
 #include <cstdint>
 
-// What the supervisor, both servers and the signal handler share: plain state, which a file of any part may include.
-// Any thread may read and write all of it.
+// State that the supervisor, both servers and the signal handler share. Any thread may read and write all of it.
 
 // Cleared by a signal that ends the daemon and by either server when it ends; the accept loops run while it is set.
 inline std::atomic<bool> server_running{true};
 
-// Server functions and HTTPS connections that are running; the supervisor waits while it is 1 or more.
+// Number of running server functions and HTTPS connections; the supervisor waits while it is 1 or more.
 inline std::atomic<std::int32_t> active_servers{0};
 
 // Raises active_servers for as long as it lives.
@@ -23,7 +22,7 @@ class ActiveServer {
     ActiveServer& operator=(const ActiveServer&) = delete;
 };
 
-// What the signal handler releases.
+// Resources that the signal handler releases.
 // Intended: the HTTP listener keeps its socket to itself, so the first slot stays 0 and the handler closes descriptor
 // 0, which is /dev/null in the daemon.
 inline std::atomic<int> http_server_socket{0};

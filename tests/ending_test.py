@@ -1,0 +1,96 @@
+"""How the daemon ends. That no pid file is left is looked at whenever a Daemon goes out of its context."""
+import contextlib
+import os
+import signal
+import unittest
+from signal import SIGABRT, SIGBUS, SIGFPE, SIGINT, SIGQUIT, SIGSEGV, SIGTERM
+
+from harness import PROGRAMS, WORK, Daemon, fill, is_listening, receive_all, wait_until, write
+
+SHUTDOWN_LINE = "\nShutting down server...\n"
+ABORT_LINE = "\nERROR: Abort signal. Shutting down server.\n"
+MEMORY_LINE = "\nERROR: Memory access error. Shutting down server.\n"
+ARITHMETIC_LINE = "\nERROR: Arithmetic error occurred. Shutting down server.\n"
+
+
+class Signals(unittest.TestCase):
+    def test_end_the_daemon_with_their_status_and_text(self):
+        cases = [
+            (SIGINT, 0, SHUTDOWN_LINE), (SIGQUIT, 0, SHUTDOWN_LINE), (SIGTERM, 0, SHUTDOWN_LINE),
+            (SIGABRT, 1, ABORT_LINE), (SIGFPE, 1, ARITHMETIC_LINE), (SIGSEGV, 1, MEMORY_LINE), (SIGBUS, 1, MEMORY_LINE),
+        ]
+        for number, status, line in cases:
+            with Daemon() as daemon:
+                daemon.answer("GET /")
+                self.assertEqual(daemon.end(number), status, number)
+                self.assertTrue(daemon.messages().endswith(line), daemon.messages())
+
+    def test_of_every_other_kind_change_nothing(self):
+        daemon = self.enterContext(Daemon())
+        for number in set(range(1, 32)) - {SIGINT, SIGQUIT, SIGABRT, SIGBUS, SIGFPE, signal.SIGKILL, SIGSEGV, SIGTERM,
+                                           signal.SIGSTOP}:
+            daemon.kill(number)
+            self.assertTrue(daemon.answer("GET /").endswith("hello"), number)
+
+    def test_that_come_second_do_not_change_the_end(self):
+        for first, second, status in ((SIGTERM, SIGABRT, 0), (SIGINT, SIGSEGV, 0), (SIGABRT, SIGTERM, 1),
+                                      (SIGFPE, SIGQUIT, 1)):
+            # The log is a full pipe that nobody reads: the end waits for its writer, in vain and not for long.
+            name = f"{WORK}/pipe{second}"
+            os.mkfifo(name)
+            pipe = os.open(name, os.O_RDWR | os.O_NONBLOCK)
+            with Daemon(f"log_file={name}\n") as daemon:
+                fill(pipe)
+                daemon.kill(first)
+                wait_until(lambda: not is_listening(daemon.port) or daemon.has_ended())
+                daemon.kill(second)
+                self.assertEqual(daemon.end(first), status, f"{first} {second}")
+            os.close(pipe)
+
+
+class Stop(unittest.TestCase):
+    def test_works_as_soon_as_there_is_a_pid_file(self):
+        # The shell's own commands are quicker than the daemon's next steps.
+        stop = "until read pid </run/marluserver.pid && kill $pid; do :; done"
+        for _ in range(30):
+            with Daemon("", f"./marluserver start && {stop}") as daemon:
+                # Under tsan, and only there, one such signal in some thousands never reaches the handler.
+                if daemon.is_sanitized:
+                    daemon.end()
+                self.assertEqual(daemon.wait(), 0)
+
+    def test_works_twice_and_while_all_workers_are_busy(self):
+        daemon = self.enterContext(Daemon())
+        write(f"{daemon.site}/index.html", "x" * (15 << 20))
+        clients = [daemon.hold_worker("GET /") for _ in range(4)] + [daemon.send("GET /") for _ in range(4)]
+        self.assertEqual(daemon.run("./marluserver stop"), ("", "", 0))
+        daemon.run("./marluserver stop")  # may already be too late
+        self.assertEqual(daemon.end(), 0)
+        self.assertTrue(daemon.messages().endswith(SHUTDOWN_LINE))
+        for client in clients:
+            client.close()
+
+    def test_that_hangs_is_cut_short(self):
+        daemon = self.enterContext(
+            Daemon("", f"LD_PRELOAD={PROGRAMS}/tests/libhang_at_exit.so ./marluserver start"))
+        self.assertEqual(daemon.end(), 0)
+        self.assertTrue(daemon.messages().endswith(SHUTDOWN_LINE))
+
+
+class Failures(unittest.TestCase):
+    def test_of_a_request_abort_the_daemon(self):
+        for request in ("GET\r\n", "GET /" + 256 * "n", "GET /loop"):
+            with Daemon() as daemon:
+                os.symlink("loop", f"{daemon.site}/loop")
+                with contextlib.suppress(OSError):  # comes when the daemon is gone
+                    wait_until(lambda: daemon.has_ended() or receive_all(daemon.send(request)))
+                self.assertEqual(daemon.wait(), 1, request)
+                self.assertTrue(daemon.messages().endswith("\n\n" + ABORT_LINE), daemon.messages())
+
+    @unittest.skipIf(Daemon.is_sanitized, "this leaves no room for a sanitizer")
+    def test_to_start_a_thread_abort_the_daemon(self):
+        # The stack that a thread gets by default would not fit into the address space.
+        command = "ulimit -s 70000000000 && ./marluserver start"
+        for settings, status in (("use_log=n\n", 1), ("", 0)):  # a log without its writer is a refused configuration
+            with Daemon(settings, command) as daemon:
+                self.assertEqual(daemon.wait(), status)
