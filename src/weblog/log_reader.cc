@@ -11,9 +11,8 @@
 #include <filesystem>
 #include <utility>
 
-#include "config/server_config.h"
-#include "http/request.h"
 #include "http/responses.h"
+#include "http/site_path.h"
 
 namespace {
 
@@ -102,12 +101,12 @@ void append_quoted(std::string& line, std::string_view text, std::size_t length)
 }
 
 // What the daemon would answer now: status and size.
-std::pair<int, std::uintmax_t> look_up(const std::string& target) {
+std::pair<int, std::uintmax_t> look_up(const std::string& site, const std::string& target) {
     constexpr std::pair<int, std::uintmax_t> missing{404, 0};
     try {
         std::string name;
         struct stat file;
-        if (target.empty() || !is_path_allowed(target.substr(1), &name) || stat(name.c_str(), &file) != 0)
+        if (target.empty() || !is_path_allowed(site, target.substr(1), &name) || stat(name.c_str(), &file) != 0)
             return missing;
         return {200, S_ISREG(file.st_mode) ? static_cast<std::uintmax_t>(file.st_size) : 0};
     } catch (const std::filesystem::filesystem_error&) {
@@ -313,13 +312,13 @@ void LogReader::write_certain(std::uint64_t overdue, std::string& lines) {
     }
 }
 
-void LogReader::write(const Request& request, std::string& lines) {
+void LogReader::write(const Request& request, std::string& lines) const {
     lines += request.front;
-    if (request.status == 0 && (!request.target || server_config.website_path.empty())) {
+    if (request.status == 0 && (!request.target || site.empty())) {
         lines += " 200 -";
     } else {
         const auto [status, size] =
-            request.status == 0 ? look_up(*request.target) : std::pair(request.status, request.size);
+            request.status == 0 ? look_up(site, *request.target) : std::pair(request.status, request.size);
         lines += ' ' + std::to_string(status) + ' ' + std::to_string(size);
     }
     lines += request.back;

@@ -7,17 +7,21 @@
 #include <string>
 #include <string_view>
 #include <unordered_map>
+#include <utility>
 
 // Turns one log of the daemon, of either server, into lines of the Combined Log Format: one for each request, in the
 // order of the log. What a client sent can neither end a line nor leave its quotes, and no line is longer than 4095
-// bytes. Takes constant memory. With server_config.website_path set, status and size of a file that was sent are those of
-// the file as it is now, otherwise 200 and "-".
+// bytes. Takes constant memory.
 //
 // A client can write lines into its request that look like entries, but it cannot know the numbers of the daemon's
 // threads. So a number that is new counts only once it is seen where no request can have put it. What it logged before
 // waits for that, and is dropped if it does not happen.
 class LogReader {
   public:
+    // Status and size of a file that was sent are 200 and "-", or those of the file as it is now in website_path, which is
+    // canonical.
+    explicit LogReader(std::string website_path = "") : site(std::move(website_path)) {}
+
     // Takes the log's next bytes, cut anywhere, and appends to lines what has become certain.
     void read(std::string_view bytes, std::string& lines);
 
@@ -62,8 +66,9 @@ class LogReader {
     void begin_request(Thread& thread, const Entry& entry);
     void append_time(std::string& line, std::string_view time);
     void write_certain(std::uint64_t overdue, std::string& lines);
-    static void write(const Request& request, std::string& lines);
+    void write(const Request& request, std::string& lines) const;
 
+    const std::string site;
     std::string rest;  // of the log, from the last entry on
     std::uint64_t rest_position = 0;
     std::size_t searched = 0;  // in these first bytes of rest no other entry begins

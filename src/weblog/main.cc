@@ -15,7 +15,6 @@
 #include <thread>
 #include <vector>
 
-#include "config/server_config.h"
 #include "weblog/log_reader.h"
 
 namespace {
@@ -33,7 +32,7 @@ constexpr char help_text[] =
   marlu-log --help
 )";
 
-constexpr std::chrono::milliseconds tick_time{2000};
+constexpr std::chrono::milliseconds tick_time{1000};
 constexpr std::chrono::milliseconds pause_time{100};
 
 [[noreturn]] void fail(const std::string& name) {
@@ -43,7 +42,7 @@ constexpr std::chrono::milliseconds pause_time{100};
 // A log and what has been read of it. The lines go to standard output at once.
 class Log {
   public:
-    explicit Log(const std::string& path) : name(path) { open_file(); }
+    Log(const std::string& path, const std::string& website_path) : name(path), reader(website_path) { open_file(); }
     ~Log() { close(file); }
     Log(const Log&) = delete;
     Log& operator=(const Log&) = delete;
@@ -117,9 +116,9 @@ class Log {
     std::chrono::steady_clock::time_point last_tick = std::chrono::steady_clock::now();
 };
 
-void follow_all(const std::vector<std::string>& names) {
+void follow_all(const std::vector<std::string>& names, const std::string& site) {
     std::deque<Log> logs;
-    for (const std::string& name : names) logs.emplace_back(name);
+    for (const std::string& name : names) logs.emplace_back(name, site);
     for (;;) {
         bool is_any_new = false;
         for (Log& log : logs) is_any_new |= log.follow();
@@ -140,10 +139,11 @@ int main(int argument_count, char** arguments) {
                               {"help", no_argument, nullptr, 'h'},
                               {nullptr, 0, nullptr, 0}};
     bool is_followed = false;
+    std::string site;
     try {
         for (int choice; (choice = getopt_long(argument_count, arguments, "", options, nullptr)) != -1;) {
             if (choice == 's') {
-                server_config.website_path = std::filesystem::canonical(optarg).string();
+                site = std::filesystem::canonical(optarg).string();
                 if (!std::filesystem::is_directory(optarg)) return refuse("Not a directory: " + std::string(optarg));
             } else if (choice == 'f') {
                 is_followed = true;
@@ -159,8 +159,8 @@ int main(int argument_count, char** arguments) {
         for (const std::string& name : names) {
             if (is_followed && name == "-") return refuse("marlu-log: --follow takes files only");
         }
-        if (is_followed) follow_all(names);
-        for (const std::string& name : names) Log(name).read_all();
+        if (is_followed) follow_all(names, site);
+        for (const std::string& name : names) Log(name, site).read_all();
         return 0;
     } catch (const std::exception& error) {
         return refuse(std::string("marlu-log: ") + error.what());

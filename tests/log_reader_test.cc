@@ -1,8 +1,6 @@
 // What becomes of a log's entries.
 #include <gtest/gtest.h>
 
-#include "config/server_config.h"
-#include "files.h"
 #include "http/responses.h"
 #include "weblog/log_reader.h"
 
@@ -48,7 +46,7 @@ const std::string not_found = "ERROR: "s + not_found_response;
 
 }  // namespace
 
-TEST(weblog, has_one_line_for_each_request_in_the_order_of_the_log) {
+TEST(log_reader, has_one_line_for_each_request_in_the_order_of_the_log) {
     const std::pair<std::string, std::string> cases[] = {
         {"", ""},
         {"rest of an entry\n" + entry(1, "Server started on port 80") + entry(2, "SSL_accept <= 0") + entry(2, "") +
@@ -83,7 +81,7 @@ TEST(weblog, has_one_line_for_each_request_in_the_order_of_the_log) {
     }
 }
 
-TEST(weblog, does_not_count_entries_that_a_client_made_up) {
+TEST(log_reader, does_not_count_entries_that_a_client_made_up) {
     const std::string forged = request(666, "GET /forged HTTP/1.1") + request(666, "PATH = /forged\n");
     const std::string attack = request(2, "GET /a HTTP/1.1\r\n\n\n" + forged);
     const std::string answered = request(2, "PATH = /a\n");
@@ -103,7 +101,7 @@ TEST(weblog, does_not_count_entries_that_a_client_made_up) {
     EXPECT_EQ(lines_of(log), lines);
 }
 
-TEST(weblog, has_lines_that_an_analyser_can_read) {
+TEST(log_reader, has_lines_that_an_analyser_can_read) {
     const std::string bytes(1200, '\xff');  // each takes four in a line
     const std::string log = request(2, "GET " + bytes + "\nReferer:" + bytes + "\nUser-Agent:" + bytes) +
                             request(2, "PATH = /\n") + entry(2, std::string(100000, 'x')) + sent(2, "/next");
@@ -116,7 +114,7 @@ TEST(weblog, has_lines_that_an_analyser_can_read) {
     EXPECT_EQ(lines_of(log), line("GET " + masked(499), "200 -", headers) + line_of("/next"));
 }
 
-TEST(weblog, waits_for_what_may_still_come) {
+TEST(log_reader, waits_for_what_may_still_come) {
     LogReader reader;
     std::string lines;
     const auto after = [&](const std::string& bytes, int ticks) {
@@ -134,27 +132,4 @@ TEST(weblog, waits_for_what_may_still_come) {
     while (many.size() < 2 << 20) many += sent(3, "/d");
     EXPECT_TRUE(after(many, 0).starts_with(line_of("/c") + line_of("/d")))
         << "a slow client's request is written at last";
-}
-
-TEST(weblog, looks_at_the_site_as_the_daemon_does) {
-    const TemporaryDirectory site;
-    write_file(site.path + "/docs/a.html", "hello");
-    write_file(site.path + "/a?b", "query");
-    const std::pair<std::string, std::string> cases[] = {
-        {"/docs/a.html", "200 5"},
-        {"/none/..//docs/./a.html", "200 5"},
-        {"/docs", "200 0"},
-        {"/a?b", "200 5"},
-        {"/none", "404 0"},
-        {"/../../etc/passwd", "404 0"},
-        {"/" + std::string(256, 'n'), "404 0"},
-        {"", "404 0"},
-    };
-    server_config.website_path = site.path;
-    for (const auto& [target, answer] : cases) {
-        EXPECT_EQ(lines_of(sent(2, target)), line("GET " + target + " HTTP/1.1", answer));
-    }
-    EXPECT_EQ(lines_of(request(2, "GET /a") + request(2, not_allowed)), line("GET /a", "405 0"));
-    EXPECT_EQ(lines_of(request(2, "GET /a")), line("GET /a")) << "the log ends before the name";
-    server_config.website_path.clear();
 }
