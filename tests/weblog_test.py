@@ -59,7 +59,7 @@ class Logs(unittest.TestCase):
             self.assertEqual(run(command, cwd=WORK)[1:], ("", 0))
 
         write(LOG, entries("/0") + entries("/1")[:50])
-        write(f"{WORK}/rest", entries("/1")[50:] + entries("/2"))
+        write(f"{WORK}/rest", entries("/1")[50:] + entries("/2") + entries("/x")[:50])
         write(f"{WORK}/emptied", entries("/3"))
         write(f"{WORK}/moved", entries("/4"))
         write(f"{WORK}/new", entries("/5"))

@@ -106,8 +106,8 @@ std::pair<int, std::uintmax_t> look_up(const std::string& site, const std::strin
     try {
         std::string name;
         struct stat file;
-        if (target.empty() || !is_path_allowed(site, target.substr(1), &name) || stat(name.c_str(), &file) != 0)
-            return missing;
+        if (target.empty() || !is_path_allowed(site, target.substr(1), &name)) return missing;
+        if (stat(name.c_str(), &file) != 0) return missing;
         return {200, S_ISREG(file.st_mode) ? static_cast<std::uintmax_t>(file.st_size) : 0};
     } catch (const std::filesystem::filesystem_error&) {
         return missing;
@@ -155,20 +155,19 @@ void LogReader::read(std::string_view bytes, std::string& lines) {
 }
 
 void LogReader::tick(std::string& lines) {
-    if (!is_growing) take_last_entry();
+    if (!is_growing && rest.ends_with('\n')) take_rest();
     is_growing = false;
     write_certain(std::exchange(old, written + waiting.size()), lines);
 }
 
 void LogReader::finish(std::string& lines) {
-    take_last_entry();
+    if (!rest.ends_with('\n')) is_at_line = false;
+    take_rest();
     write_certain(written + waiting.size(), lines);
 }
 
-// Takes the rest as an entry, although no other one follows it, if it ends with a line. What may still come up to the
-// next entry counts for nothing.
-void LogReader::take_last_entry() {
-    if (!rest.ends_with('\n')) return;
+// Takes the rest as an entry, although no other one follows it. What may still come up to the next one is passed over.
+void LogReader::take_rest() {
     take_entry(rest);
     rest_position += rest.size();
     rest.clear();
@@ -244,10 +243,9 @@ void LogReader::begin_request(Thread& thread, const Entry& entry) {
     std::string_view text = entry.message;
     const std::string address(text.substr(0, text.find(' ')));
     in_addr number;
+    const bool is_address = address.find('\0') == address.npos && inet_pton(AF_INET, address.c_str(), &number) == 1;
     // "0.0.0.0 Failed to accept HTTPS connection" is no request.
-    if (address.find('\0') != address.npos || inet_pton(AF_INET, address.c_str(), &number) != 1 || number.s_addr == 0 ||
-        !text.ends_with('\n'))
-        return;
+    if (!is_address || number.s_addr == 0 || !text.ends_with('\n')) return;
     text = text.substr(address.size() + 1, text.size() - address.size() - 2);
 
     thread.number = written + waiting.size();
@@ -300,14 +298,19 @@ void LogReader::append_time(std::string& line, std::string_view time) {
     line += zone_text;
 }
 
+bool LogReader::is_trusted_now(std::uint64_t number) const {
+    const auto thread = threads.find(number);
+    return thread != threads.end() && thread->second.is_trusted;
+}
+
 // Writes requests, in their order, as far as they are complete, among the first overdue ones of the log, or far behind.
 void LogReader::write_certain(std::uint64_t overdue, std::string& lines) {
     for (; !waiting.empty(); waiting.pop_front(), ++written) {
         const Request& request = waiting.front();
-        const auto thread = threads.find(request.thread);
-        const bool is_trusted = request.is_trusted || (thread != threads.end() && thread->second.is_trusted);
         const bool is_overdue = written < overdue || request.position + patience < rest_position;
-        if (!is_overdue && !(request.is_complete && is_trusted)) return;
+        if (!request.is_complete && !is_overdue) return;
+        const bool is_trusted = request.is_trusted || is_trusted_now(request.thread);
+        if (!is_trusted && !is_overdue) return;
         if (is_trusted) write(request, lines);
     }
 }

@@ -59,9 +59,10 @@ class LogReader {
 
     static bool split(std::string_view text, Entry& entry);
     void take_entry(std::string_view text);
-    void take_last_entry();
+    void take_rest();
     Thread& thread_of(const Entry& entry);
     bool can_be_forged(const Entry& entry) const;
+    bool is_trusted_now(std::uint64_t number) const;
     bool adds_to_request(Thread& thread, const Entry& entry);
     void begin_request(Thread& thread, const Entry& entry);
     void append_time(std::string& line, std::string_view time);
