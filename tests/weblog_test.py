@@ -80,16 +80,3 @@ class Logs(unittest.TestCase):
             wait_until(lambda: has("/0", "/1", "/2", "/3", "/4"))
             change(f"cat new >>{LOG}")
             wait_until(lambda: has("/0", "/1", "/2", "/3", "/4", "/5"))
-
-    def test_that_fail_are_named(self):
-        write(LOG, entries("/"))
-        for arguments, error in (
-            ("/none", "marlu-log: /none: No such file or directory"),
-            (WORK, f"marlu-log: {WORK}: Is a directory"),
-            (f"{LOG} >/dev/full", "marlu-log: standard output: No space left on device"),
-            ("--follow -", "marlu-log: --follow takes files only"),
-            (f"--site {LOG} -", f"Not a directory: {LOG}"),
-            ("--site", f"{PROGRAMS}/marlu-log: option '--site' requires an argument"),
-            ("", "Usage: marlu-log [--site WEBSITE_PATH] [--follow] FILE..."),
-        ):
-            self.assertEqual(run(f"{PROGRAMS}/marlu-log {arguments}"), ("", error + "\n", 1))
