@@ -52,7 +52,9 @@ class Logs(unittest.TestCase):
                     referrer = re.search("Referer: (.*)\r", request)
                     expected += f'127.0.0.1 "{line}" {head.split()[1]} {len(body)} "{referrer[1] if referrer else "-"}" "-"\n'
                 lines, errors, status = run(f"{PROGRAMS}/marlu-log --site {daemon.site}/../site - <{daemon.directory}/{name}")
-                self.assertEqual((re.sub(r" - - \[[^]]*\]", "", lines), errors, status), (expected, "", 0))
+                # A request that was in the log a moment later than expected was sent twice.
+                lines = re.sub(r"(?m)^(.*\n)\1+", r"\1", re.sub(r" - - \[[^]]*\]", "", lines))
+                self.assertEqual((lines, errors, status), (expected, "", 0))
 
     def test_are_followed_when_they_are_emptied_and_replaced(self):
         def change(command):
