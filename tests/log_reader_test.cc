@@ -89,14 +89,14 @@ TEST(log_reader, does_not_count_entries_that_a_client_made_up) {
     EXPECT_EQ(lines_of(attack + request(3, "GET /c HTTP/1.1") + answered + sent(3, "/d")),
               line_of("/a") + line_of("/c") + line_of("/d"))
         << "a new thread is one of the daemon's once it logs outside of a request";
-    // Many numbers do not push the daemon's own out.
-    std::string many = request(2, "GET /a HTTP/1.1\r\n\n");
+    // Many numbers, and their unfinished requests, do not push the daemon's own out.
+    std::string many = request(2, "GET /a HTTP/1.1\r\n\n" + request(666, ""));
     for (int thread = 1000; thread < 1050; ++thread) many += entry(thread, "");
     many += answered;
     std::string log, lines;
     for (int round = 0; round < 10; ++round) {
-        log += many;
-        lines += line_of("/a");
+        log += many + sent(3, "/b");
+        lines += line_of("/a") + line_of("/b");
     }
     EXPECT_EQ(lines_of(log), lines);
 }

@@ -25,8 +25,10 @@ constexpr std::size_t longest_address = 15;
 constexpr std::size_t longest_request = 4096;  // what the daemon reads of one
 constexpr std::size_t longest_entry = longest_head + longest_address + longest_request + 3;
 constexpr std::size_t longest_rest = 1 << 16;
+// Where the text of a request has surely ended, and those of the requests that other threads logged in the middle of it.
+constexpr std::size_t longest_text = 16 * longest_entry;
 constexpr std::uint64_t patience = 1 << 20;  // bytes of the log, within which all entries of a request lie
-constexpr std::size_t most_threads = 256;    // more than the daemon has
+constexpr std::size_t most_threads = 128;    // more than the daemon has
 
 // In a line. GoAccess takes what comes after 4095 bytes for a line of its own.
 constexpr std::size_t longest_request_line = 2000;
@@ -142,7 +144,7 @@ void LogReader::read(std::string_view bytes, std::string& lines) {
         rest_position += place - begin;
         begin = place;
         is_at_line = true;
-        write_certain(0, lines);
+        write_certain(lines);
     }
     if (text.size() - begin > longest_rest) {  // what is looked at is there; the rest of the entry is passed over
         take_entry(text.substr(begin));
@@ -157,13 +159,15 @@ void LogReader::read(std::string_view bytes, std::string& lines) {
 void LogReader::tick(std::string& lines) {
     if (!is_growing && rest.ends_with('\n')) take_rest();
     is_growing = false;
-    write_certain(std::exchange(old, written + waiting.size()), lines);
+    overdue = std::exchange(old, written + waiting.size());
+    write_certain(lines);
 }
 
 void LogReader::finish(std::string& lines) {
     if (!rest.ends_with('\n')) is_at_line = false;
     take_rest();
-    write_certain(written + waiting.size(), lines);
+    overdue = written + waiting.size();
+    write_certain(lines);
 }
 
 // Takes the rest as an entry, although no other one follows it. What may still come up to the next one is passed over.
@@ -197,12 +201,13 @@ LogReader::Thread& LogReader::thread_of(const Entry& entry) {
     return thread;
 }
 
-// True when the entry may be part of a request of another thread. A request ends at the next entry of its thread.
+// True when the entry may be part of a request of another thread, which ends before that thread's next entry. A request
+// of a thread that does not count itself yet lies in one of a thread that does, so that one is enough.
 bool LogReader::can_be_forged(const Entry& entry) const {
-    return std::any_of(threads.begin(), threads.end(), [&entry](const auto& item) {
+    return std::any_of(threads.begin(), threads.end(), [&](const auto& item) {
         const auto& [number, thread] = item;
-        return number != entry.thread && thread.expected == Thread::path &&
-               entry.position < thread.last_position + longest_entry;
+        return number != entry.thread && thread.is_trusted && thread.expected == Thread::path &&
+               entry.position < thread.text_end && thread.number >= overdue;
     });
 }
 
@@ -252,12 +257,14 @@ void LogReader::begin_request(Thread& thread, const Entry& entry) {
     thread.context = entry.context;
     thread.address = address + ' ';
     thread.expected = Thread::path;
+    thread.text_end = entry.position + longest_text;
     Request& request = waiting.emplace_back();
     request.thread = entry.thread;
     request.position = entry.position;
     request.is_trusted = thread.is_trusted;
     if (text == too_many_requests_text) {
         request.status = 429;
+        thread.text_end = 0;
         text = "";
     }
     text.remove_prefix(std::min(text.find_first_not_of("\r\n"), text.size()));
@@ -303,8 +310,8 @@ bool LogReader::is_trusted_now(std::uint64_t number) const {
     return thread != threads.end() && thread->second.is_trusted;
 }
 
-// Writes requests, in their order, as far as they are complete, among the first overdue ones of the log, or far behind.
-void LogReader::write_certain(std::uint64_t overdue, std::string& lines) {
+// Writes requests, in their order, as far as they are complete, overdue, or far behind.
+void LogReader::write_certain(std::string& lines) {
     for (; !waiting.empty(); waiting.pop_front(), ++written) {
         const Request& request = waiting.front();
         const bool is_overdue = written < overdue || request.position + patience < rest_position;

@@ -52,7 +52,8 @@ class LogReader {
         bool is_trusted = false;
         std::uint64_t last_position = 0;
         // Of its last request:
-        std::uint64_t number = 0;  // the log's first request is 0
+        std::uint64_t number = 0;    // the log's first request is 0
+        std::uint64_t text_end = 0;  // the position where its text has ended
         std::string context, address;
         enum { nothing, path, refusal } expected = nothing;  // as the next entry that belongs to it
     };
@@ -66,7 +67,7 @@ class LogReader {
     bool adds_to_request(Thread& thread, const Entry& entry);
     void begin_request(Thread& thread, const Entry& entry);
     void append_time(std::string& line, std::string_view time);
-    void write_certain(std::uint64_t overdue, std::string& lines);
+    void write_certain(std::string& lines);
     void write(const Request& request, std::string& lines) const;
 
     const std::string site;
@@ -78,6 +79,7 @@ class LogReader {
     std::deque<Request> waiting;
     std::uint64_t written = 0;  // requests that are no longer waiting
     std::uint64_t old = 0;      // requests that had begun at the last tick
+    std::uint64_t overdue = 0;  // and at the one before
     std::unordered_map<std::uint64_t, Thread> threads;
     std::string minute, minute_text, zone_text;  // the last one converted, and what it is in a line
 };
