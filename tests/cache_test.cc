@@ -1,16 +1,20 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <filesystem>
+#include <fstream>
 #include <system_error>
-#include <thread>
 #include <vector>
 
-#include "files.h"
 #include "http/file_cache.h"
 
 namespace {
 
-const TemporaryDirectory directory;
+struct Directory {
+    std::string path = "/tmp/marlu-test-XXXXXX";
+    Directory() { path = std::filesystem::canonical(mkdtemp(path.data())); }
+    ~Directory() { std::filesystem::remove_all(path); }
+} const directory;
 // Whatever was handed out stays mapped: here it can still be reached when leaks are looked for, at the very end.
 std::vector<MappedFile*>& handed_out = *new std::vector<MappedFile*>;
 
@@ -19,7 +23,7 @@ std::string file_in(std::size_t slot, const std::string& tag, std::uintmax_t siz
     int number = 0;
     std::string name = directory.path + "/" + tag;
     while (cache_slot(name) != slot) name = directory.path + "/" + tag + std::to_string(++number);
-    write_file(name, tag + std::to_string(slot));
+    std::ofstream(name) << tag << slot;
     if (size != 0) std::filesystem::resize_file(name, size);
     return name;
 }
@@ -38,24 +42,19 @@ std::string text(FileCache& cache, const std::string& name) {
 
 }  // namespace
 
-TEST(cache, hashes_names_byte_by_byte) {
-    EXPECT_EQ(cache_slot(""), 37U);
-    EXPECT_EQ(cache_hash("/srv/\xc3\xa9.html"), 0xcfac980adb07b28bU) << "bytes from 0x80 count with their sign";
-}
-
 TEST(cache, hands_out_what_is_in_the_slot) {
+    EXPECT_EQ(cache_hash("/srv/\xc3\xa9.html"), 0xcfac980adb07b28bU) << "bytes from 0x80 count with their sign";
     static FileCache cache;
     const std::string first = file_in(1, "first"), second = file_in(1, "second"), empty = file_in(3, "empty");
     MappedFile* const file = get(cache, first);
-    EXPECT_EQ(get(cache, first), file);
     EXPECT_EQ(get(cache, second), file);
+    EXPECT_EQ(get(cache, first), file);
     EXPECT_EQ(file->use_count, 3);
     std::filesystem::resize_file(empty, 0);
     EXPECT_EQ(text(cache, empty), "Mapping failed");
     EXPECT_EQ(text(cache, directory.path), "Mapping failed");
     EXPECT_EQ(text(cache, directory.path + "/none"), "Cannot open file");
     EXPECT_EQ(text(cache, file_in(3, "empty")), "empty3") << "what cannot be mapped takes no slot";
-    EXPECT_EQ(text(cache, first), "first1");
 }
 
 TEST(cache, drops_everything_to_make_room_and_never_gets_room_back) {
@@ -73,32 +72,14 @@ TEST(cache, drops_everything_to_make_room_and_never_gets_room_back) {
 }
 
 TEST(cache, fails_when_room_is_to_be_made_in_the_slot_that_is_filled) {
+    constexpr std::uint64_t half = 128 << 20;
     static FileCache cache;
-    const std::string large = file_in(5, "large", 256 << 20), other = file_in(5, "other");
-    MappedFile* const file = get(cache, large);
-    EXPECT_EQ(text(cache, other), std::system_error(EDEADLK, std::generic_category()).what());
-    EXPECT_EQ(get(cache, large), file);
-    EXPECT_EQ(text(cache, file_in(6, "small")), "small6") << "no lock is left behind";
-    EXPECT_EQ(text(cache, other), "other5");
-}
-
-TEST(cache, gives_all_threads_the_same_files) {
-    static FileCache cache;
-    std::vector<std::string> names;
-    for (std::size_t slot = 0; slot < cache_slot_count; ++slot)
-        names.insert(names.end(), {file_in(slot, "a"), file_in(slot, "b")});
-    std::vector<MappedFile*> files[8];
-    std::vector<std::thread> threads;
-    for (auto& own : files) {
-        threads.emplace_back([&] {
-            for (int round = 0; round < 50; ++round)
-                for (const std::string& name : names) own.push_back(cache.get(name));
-        });
-    }
-    for (std::thread& thread : threads) thread.join();
-    for (const auto& own : files) EXPECT_EQ(own, files[0]);
-    for (std::size_t slot = 0; slot < cache_slot_count; ++slot) {
-        EXPECT_EQ(files[0][2 * slot]->use_count, 8 * 50 * 2) << "both files of slot " << slot;
-        EXPECT_EQ(std::string(files[0][2 * slot]->data + 1, 1), std::to_string(slot).substr(0, 1));
-    }
+    const std::string a = file_in(5, "a", half), b = file_in(6, "b", half), other = file_in(5, "other");
+    MappedFile *const first = get(cache, a), *const second = get(cache, b);
+    const std::string lock_error = std::system_error(EDEADLK, std::generic_category()).what();
+    EXPECT_EQ(text(cache, other), lock_error);
+    EXPECT_TRUE(get(cache, b) == second && get(cache, a) == first) << "the least recently used one is met first";
+    EXPECT_EQ(text(cache, other), lock_error);
+    EXPECT_EQ(get(cache, a), first);
+    EXPECT_NE(get(cache, b), second) << "now it was dropped on the way, and no lock was left behind";
 }

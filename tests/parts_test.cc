@@ -1,25 +1,13 @@
-// What a connection passes through, and the banner.
+// What needs a clock of its own, and the banner.
 #include <gtest/gtest.h>
-#include <sys/socket.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include <csignal>
-#include <cstring>
-#include <memory>
-#include <thread>
-#include <utility>
 
 #include "banner/banner.h"
 #include "banner/banner_text.h"
-#include "config/server_config.h"
-#include "files.h"
-#include "http/body_memory.h"
-#include "http/mime_types.h"
-#include "http/request.h"
-#include "log/log.h"
 #include "net/rate_limiter.h"
-#include "net/thread_pool.h"
 
 namespace {
 
@@ -40,79 +28,6 @@ TEST(banner, that_cannot_be_opened_is_not_printed) {
     const std::string key = base64_decode(stored_key_text), banner = base64_decode(stored_banner_text);
     EXPECT_TRUE(rsa_decrypt_private(banner, key).starts_with("marlu "));
     EXPECT_THROW(rsa_decrypt_private(banner, "no key"), std::runtime_error);
-    EXPECT_THROW(rsa_decrypt_private("no banner", key), std::runtime_error);
-}
-
-TEST(request, is_allowed_where_website_path_begins_the_name) {
-    const TemporaryDirectory directory;
-    const std::string website_path = directory.path + "/www";
-    write_file(website_path + "/docs/a.html", "");
-    write_file(directory.path + "/www-old/secret", "");
-    const std::string links[][2] = {
-        {"/etc/passwd", "out"},
-        {"../www-old/secret", "beside"},
-        {"loop", "loop"},
-        {"www", "../link"},
-    };
-    for (const auto& [target, link] : links) std::filesystem::create_symlink(target, website_path + "/" + link);
-    const struct {
-        std::string relative_path, name;
-        bool allowed;
-    } cases[] = {
-        {"docs/a.html", website_path + "/docs/a.html", true},
-        {"none/../docs//./a.html", website_path + "/docs/a.html", true},
-        {"none/../../x", directory.path + "/x", false},
-        {"%2e%2e/x", website_path + "/%2e%2e/x", true},
-        {"/etc/passwd", "/etc/passwd", false},
-        {"out", "/etc/passwd", false},
-        {"beside", directory.path + "/www-old/secret", true},
-        {"../www-old/none", directory.path + "/www-old/none", true},
-    };
-    for (const auto& c : cases) {
-        std::string name;
-        server_config.website_path = website_path;
-        EXPECT_EQ(is_path_allowed(c.relative_path, &name), c.allowed) << c.relative_path;
-        EXPECT_EQ(name, c.name);
-        const int file = open_plain_file(c.relative_path, &name);
-        EXPECT_EQ(file != -1, c.relative_path == "docs/a.html") << c.relative_path;
-        close(file);
-        EXPECT_TRUE(file == -1 || name == c.name) << name;
-        for (const char* const not_canonical : {"/link", "/./www"}) {
-            server_config.website_path = directory.path + not_canonical;
-            EXPECT_FALSE(is_path_allowed(c.relative_path)) << c.relative_path;
-            EXPECT_EQ(open_plain_file(c.relative_path, &name), -1) << c.relative_path;
-        }
-    }
-    const std::string too_long = "docs" + std::string(4096, '/') + "a.html";
-    for (const std::string& name : {std::string("../www/loop"), std::string(256, 'n'), too_long}) {
-        EXPECT_THROW(is_path_allowed(name), std::filesystem::filesystem_error) << name;
-    }
-}
-
-TEST(body_memory, is_kept_for_a_body_that_fits) {
-    constexpr std::size_t mib = 1 << 20;
-    const auto use = [](std::size_t size) {
-        BodyMemory memory = take_body_memory(size);
-        std::memset(memory.bytes.get(), 1, size);
-        const std::size_t got = memory.size;
-        keep_body_memory(std::move(memory));
-        return got;
-    };
-    const std::size_t sizes[][2] = {
-        {8 * mib, 8 * mib}, {mib, 8 * mib}, {9 * mib, 9 * mib}, {17 * mib, 17 * mib}, {mib - 1, mib - 1}};
-    for (const auto& [size, got] : sizes) EXPECT_EQ(use(size), got);
-    for (int pause = 0; pause < 3; ++pause) age_body_memory();
-    EXPECT_EQ(use(mib), 9 * mib);
-    for (int pause = 0; pause < 4; ++pause) age_body_memory();
-    EXPECT_EQ(use(mib), mib);
-}
-
-TEST(content_type, follows_the_last_dot_of_the_whole_path) {
-    EXPECT_EQ(MimeTypes("/srv/index.HTML"), "text/html");
-    EXPECT_EQ(MimeTypes("/srv/.tar.Gz"), "application/gzip");
-    for (const char* const path : {"/a/page.htm", "html", "/a/file.", "/a/v1.css/html", "/a.html?v=1", ""}) {
-        EXPECT_EQ(MimeTypes(path), "application/octet-stream") << path;
-    }
 }
 
 TEST(rate_limiter, admits_a_thousand_in_a_period) {
@@ -131,36 +46,4 @@ TEST(rate_limiter, admits_a_thousand_in_a_period) {
     stopped_clock += 1;
     EXPECT_EQ(refused_of(1001), 1) << "the next period";
     stopped_clock = 0;
-}
-
-TEST(thread_pool, serves_all_that_is_queued_in_order_before_it_ends) {
-    const TemporaryDirectory directory;
-    server_config.website_path = directory.path;
-    server_config.start_http = server_config.http_log_enabled = true;
-    http_logger = new Logger(directory.path + "/log", log_debug);
-    auto pool = std::make_unique<ThreadPool>(1);
-    std::vector<char> body(4 << 20, 'x');  // more than a socket holds
-    const std::string requests[] = {"GET /0", "GET /1", "GET /2", "GET /3", "GET /4"};
-    std::vector<int> clients;
-    for (const std::string& request : requests) {
-        write_file(directory.path + request.substr(4), std::string(body.begin(), body.end()));
-        int ends[2];
-        ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
-        ASSERT_EQ(write(ends[0], request.data(), request.size()), 6);
-        clients.push_back(ends[0]);
-        pool->enqueue({ends[1], "client", ""});
-    }
-    // The first answer is not read until the pool is on its way out: its only worker is held, the rest queues.
-    std::thread ending([&pool] { pool.reset(); });
-    for (const int client : clients) {
-        std::size_t size = 0;
-        for (ssize_t count; (count = read(client, body.data(), body.size())) > 0;) size += std::size_t(count);
-        EXPECT_GT(size, body.size());
-        close(client);
-    }
-    ending.join();
-    wait_for_log_writers(std::chrono::seconds(30));
-    const std::string log = read_file(directory.path + "/log");
-    std::size_t place = 0;
-    for (const std::string& request : requests) EXPECT_NE(place = log.find(request, place), std::string::npos) << log;
 }

@@ -9,9 +9,8 @@
 #include <set>
 
 #include "config/config_file.h"
-#include "config/server_config.h"
 #include "http/file_cache.h"
-#include "http/request.h"
+#include "http/site_path.h"
 
 namespace {
 
@@ -19,11 +18,13 @@ namespace fs = std::filesystem;
 
 class Search {
   public:
+    explicit Search(const std::string& path) : website_path(path) {}
+
     Site site;
 
     // relative is the path of a directory below the website, or "" for the website itself.
     void look_through(const fs::path& relative) {
-        const fs::path directory = server_config.website_path / relative;
+        const fs::path directory = website_path / relative;
         std::error_code error;
         if (!directories_seen.insert(fs::canonical(directory, error).string()).second) return;  // links in a circle
         fs::directory_iterator entries(directory, error);
@@ -39,14 +40,14 @@ class Search {
   private:
     void look_at(const fs::path& relative) {
         std::error_code error;
-        const fs::path path = server_config.website_path / relative;
+        const fs::path path = website_path / relative;
         const fs::file_status status = fs::status(path, error);
         std::string canonical_name;
         if (relative.string().find_first_of(" ?") != std::string::npos) {
-            leave_out(relative, "a blank or \"?\" in the name cannot be asked for");
+            leave_out(relative, "a name with a blank or \"?\" cannot be requested");
         } else if (!fs::exists(status)) {
             leave_out(relative, error.message());
-        } else if (!is_path_allowed(relative.string(), &canonical_name)) {
+        } else if (!is_path_allowed(website_path.string(), relative.string(), &canonical_name)) {
             leave_out(relative, "leads out of the website directory (403)");
         } else if (fs::is_directory(status)) {
             look_through(relative);
@@ -66,7 +67,7 @@ class Search {
         } else if (size == 0) {
             leave_out(relative, "empty (404 over HTTPS)");
         } else if (files_seen.insert(canonical_name).second) {
-            if (size > INT_MAX) leave_out(relative, "too large (only the head of an answer over HTTPS)");
+            if (size > INT_MAX) leave_out(relative, "too large (HTTPS sends the head only)");
             const bool is_listable = trim(entry) == entry && entry.find('\n') == std::string::npos;
             site.files.push_back({entry, canonical_name, size, is_listable});
         }
@@ -76,14 +77,15 @@ class Search {
         site.unserved.push_back((relative.empty() ? "." : relative.string()) + ": " + reason);
     }
 
+    const fs::path website_path;
     std::set<std::string> directories_seen;
     std::set<std::string> files_seen;
 };
 
 }  // namespace
 
-Site find_site_files() {
-    Search search;
+Site find_site_files(const std::string& website_path) {
+    Search search(website_path);
     search.look_through("");
     const auto by_entry = [](const SiteFile& a, const SiteFile& b) { return a.entry < b.entry; };
     std::sort(search.site.files.begin(), search.site.files.end(), by_entry);

@@ -8,7 +8,7 @@
 // A file below the website directory, as the daemon would serve it over HTTPS.
 struct SiteFile {
     std::string entry;           // its path relative to the website directory
-    std::string canonical_name;  // what the cache knows it by
+    std::string canonical_name;  // its name in the cache
     std::uint64_t size;          // bytes
     bool is_listable;            // false when a line of a list cannot hold entry
 };
@@ -18,9 +18,9 @@ struct Site {
     std::vector<std::string> unserved;  // "entry: reason" for what HTTPS cannot serve
 };
 
-// Looks through server_config.website_path, which must be canonical, and the directories that links in it lead to.
-Site find_site_files();
+// Searches website_path, which must be canonical, and the directories that links in it lead to.
+Site find_site_files(const std::string& website_path);
 
-// Returns the files that are to be kept out of the cache so that every file is served with its own bytes: in each slot
+// Returns the files that a cache-ignore list must hold so that every file is served with its own bytes: in each slot
 // all but the largest, and of these the largest ones until the rest fits into the cache. Sorted by entry.
 std::vector<SiteFile> files_to_ignore(const std::vector<SiteFile>& files);

@@ -17,7 +17,7 @@ int count_certificates(BIO* file) {
         } else if (BIO_ctrl(file, BIO_CTRL_EOF, 0, nullptr) != 0) {
             return count;
         } else {
-            // Something that is no certificate: go on behind it, unless the file cannot be read any further.
+            // Not a certificate: discard a piece and try again, until the file ends or cannot be read.
             char discarded[1024];
             if (BIO_read(file, discarded, sizeof discarded) <= 0) return count;
         }

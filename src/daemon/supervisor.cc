@@ -7,10 +7,11 @@
 
 #include "config/load_configuration.h"
 #include "config/server_config.h"
-#include "daemon/run_state.h"
 #include "daemon/signal_handler.h"
+#include "log/signal_hold.h"
 #include "net/http_listener.h"
 #include "net/https_listener.h"
+#include "net/run_state.h"
 
 namespace {
 
@@ -29,9 +30,11 @@ void end_daemon() {
 
 void run_servers() {
     for (const auto& [number, name] : signal_names) std::signal(number, signal_handler);
-    std::signal(SIGPIPE, SIG_IGN);  // after the loop: a write to a closed connection is to fail, not to signal
+    std::signal(SIGPIPE, SIG_IGN);  // after the loop: a write to a closed connection must fail, not signal
 
-    if (!load_configuration()) end_daemon();  // Intended: no return. Should raising come back, the daemon goes on.
+    // Until the logs are open: a stop must not wait for a loader that waits for a pipe.
+    admit_signals();
+    if (!load_configuration()) end_daemon();  // Intended: no return. If raise came back, the daemon would go on.
 
     const std::function<void()> http_server = start_server_http;
     const std::function<void()> https_server = start_server_https;

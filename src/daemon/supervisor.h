@@ -1,7 +1,6 @@
 #pragma once
 
-// What the daemon does: takes over the signals, loads the configuration, starts the servers that it names and waits
-// until none runs. Ends the process through the signal handler and does not return. To be called on the main thread,
-// with signals held. Throws what load_configuration and
-// starting a thread throw.
+// Runs the daemon: installs the signal handler, loads the configuration, starts the configured servers and waits until
+// none runs. Ends the process through the signal handler and does not return. Call on the main thread, with signals
+// held. Throws what load_configuration throws, and std::system_error when a thread cannot be started.
 void run_servers();

@@ -7,7 +7,7 @@
 #include <memory>
 #include <stdexcept>
 
-FileCache file_cache;
+FileCache& file_cache = *new FileCache;
 
 MappedFile::MappedFile(const std::string& name) {
     const int descriptor = open(name.c_str(), O_RDONLY);
@@ -38,8 +38,6 @@ std::size_t cache_slot(const std::string& name) {
 }
 
 FileCache::~FileCache() {
-    // For good: a connection that comes this late waits for the end of the process here, not among freed names.
-    index_lock.lock();
     for (Slot& slot : slots) delete slot.entry.exchange(nullptr);
 }
 
@@ -64,7 +62,7 @@ MappedFile* FileCache::get(const std::string& name) {
     {
         const std::lock_guard index_guard(index_lock);
         recency.push_front(name);
-        index[name] = IndexEntry{recency.begin(), installed->size};
+        index[name] = recency.begin();
     }
     total += installed->size;
     installed->use_count.fetch_add(1);
@@ -79,11 +77,11 @@ MappedFile* FileCache::use(Slot& slot, std::uint64_t hash, const std::string& na
     file->use_count.fetch_add(1);
     const std::lock_guard index_guard(index_lock);
     const auto found = index.find(name);
-    if (found != index.end()) recency.splice(recency.begin(), recency, found->second.position);
+    if (found != index.end()) recency.splice(recency.begin(), recency, found->second);
     return file;
 }
 
-// To be called with the slot lock held for the file that needs room.
+// Makes room for a file. The caller holds the lock of that file's slot.
 void FileCache::evict(std::uint64_t bytes_needed) {
     const std::lock_guard index_guard(index_lock);
     while (!recency.empty() && capacity < total + bytes_needed) {

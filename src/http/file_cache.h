@@ -10,12 +10,12 @@
 #include <string>
 #include <unordered_map>
 
-// A file in memory, read-only, for as long as the object lives. What is cut off the file meanwhile cannot be read any
-// more: touching it raises SIGBUS.
+// A file mapped into memory, read-only, for as long as the object lives. Reading a part that was cut off the file
+// meanwhile raises SIGBUS.
 class MappedFile {
   public:
-    // Maps the whole file. Throws std::runtime_error: "Cannot open file", or "Mapping failed", which also an empty file
-    // and a directory give.
+    // Maps the whole file. Throws std::runtime_error: "Cannot open file", or "Mapping failed", also for an empty file
+    // or a directory.
     explicit MappedFile(const std::string& name);
     ~MappedFile();
     MappedFile(const MappedFile&) = delete;
@@ -31,11 +31,12 @@ inline constexpr std::size_t cache_slot_count = 64;
 // FNV-1a over the bytes of name, each sign-extended to 64 bits first. Intended: bytes from 0x80 differ from the usual.
 std::uint64_t cache_hash(const std::string& name);
 
-// The slot that the file called name shares with every other file of the same slot.
+// The number of the slot for the file called name.
 std::size_t cache_slot(const std::string& name);
 
-// Files that were served, kept mapped under their canonical names. Intended: a slot holds one file for good. Another
-// file of that slot is answered with the bytes of the one that is there; a cache-ignore list keeps such files out.
+// Files that were served, kept mapped under their canonical names. Intended: a slot holds one file until that file is
+// dropped to make room. Meanwhile every other file of the slot is answered with its bytes; a cache-ignore list keeps
+// such files out of the cache.
 //
 // What always holds:
 // - A slot is installed by a compare-and-swap from null and emptied by an exchange, both under its slot lock. These two
@@ -44,22 +45,22 @@ std::size_t cache_slot(const std::string& name);
 //   without it, so a reader that sees the hash may find entry null, and then takes the lock.
 // - The recency list holds the names in the index, most recently used first; the index lock guards both.
 // - The slot lock is taken before the index lock. Intended: evict alone takes its victims' slot locks under the index
-//   lock, while get holds a slot lock. It runs only above the budget, where two threads could wait for each other for
-//   good; the HTTPS server, which serves one connection at a time, is the only user.
+//   lock, while get holds a slot lock. Two threads above the budget could therefore deadlock; the HTTPS server, which
+//   serves one connection at a time, is the only user.
 class FileCache {
   public:
     // Bytes that may be mapped before room is made.
     static constexpr std::uint64_t capacity = 268'435'456;
 
     FileCache() = default;
-    // Unmaps what the slots hold, whoever may still be reading it.
-    ~FileCache();
+    ~FileCache();  // unmaps the files in the slots
     FileCache(const FileCache&) = delete;
     FileCache& operator=(const FileCache&) = delete;
 
-    // Returns the mapping in name's slot after mapping name there if the slot was empty. The cache owns it; the caller
-    // reads it and never gives it back. Callable from any thread below the budget, above it from one. Throws what
-    // MappedFile throws, and std::system_error (EDEADLK) when making room meets the very slot that is being filled.
+    // Returns the mapping in name's slot after mapping name there if the slot was empty. The cache owns the mapping;
+    // the caller reads it and never releases it. Callable from any thread below the budget, above it from one at a
+    // time. Throws what MappedFile throws, for a missing or empty file also when another file has the slot, and
+    // std::system_error (EDEADLK) when it would have to drop the file in the slot that it is filling.
     MappedFile* get(const std::string& name);
 
   private:
@@ -68,11 +69,6 @@ class FileCache {
         std::shared_mutex lock;  // only ever taken for writing
         std::atomic<std::uint64_t> hash{0};
     };
-    struct IndexEntry {
-        std::list<std::string>::iterator position;
-        std::uint64_t size;
-    };
-
     MappedFile* use(Slot& slot, std::uint64_t hash, const std::string& name);
     void evict(std::uint64_t bytes_needed);
 
@@ -81,8 +77,8 @@ class FileCache {
     std::atomic<std::uint64_t> total{0};
     std::mutex index_lock;
     std::list<std::string> recency;
-    std::unordered_map<std::string, IndexEntry> index;
+    std::unordered_map<std::string, std::list<std::string>::iterator> index;  // where each name stands in recency
 };
 
-// The one cache of the process.
-extern FileCache file_cache;
+// The one cache of the process. Never destroyed, see config/server_config.h.
+extern FileCache& file_cache;

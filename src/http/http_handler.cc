@@ -1,10 +1,8 @@
 #include "http/http_handler.h"
 
-#include <fcntl.h>
-#include <netinet/in.h>
-#include <netinet/tcp.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -12,15 +10,17 @@
 #include <chrono>
 #include <cstddef>
 #include <initializer_list>
+#include <iterator>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <thread>
 #include <utility>
 
-#include "http/body_memory.h"
 #include "http/mime_types.h"
 #include "http/request.h"
 #include "http/responses.h"
+#include "http/site_path.h"
 #include "log/log.h"
 
 namespace {
@@ -29,78 +29,55 @@ constexpr std::size_t request_limit = 4096;
 constexpr std::size_t small_file = 128 << 10;
 constexpr std::chrono::milliseconds send_pause{10};
 
-// Sends everything, waiting for a slow client as long as it takes. Returns false when the connection fails.
-bool send_all(int client_socket, std::string_view bytes) {
-    while (!bytes.empty()) {
-        const ssize_t count = send(client_socket, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+// A file's content. The memory beyond size is uninitialised.
+struct Body {
+    std::unique_ptr<char[]> bytes;
+    std::size_t size;
+};
+
+// How much room to make: one byte more than the file's size, so that the last read finds the end, and at least twice
+// least.
+std::size_t room_for(int file, std::size_t least) {
+    struct stat status;
+    const bool is_known = fstat(file, &status) == 0;
+    return std::max(is_known ? static_cast<std::size_t>(status.st_size) + 1 : 0, 2 * least);
+}
+
+// Reads every byte until the file ends or fails; none from a directory.
+Body read_whole(int file) {
+    std::size_t room = small_file;  // up to here a file is read without asking for its size
+    Body body{std::make_unique_for_overwrite<char[]>(room), 0};
+    for (;;) {
+        const ssize_t count = read(file, body.bytes.get() + body.size, room - body.size);
+        if (count == 0 || (count < 0 && errno != EINTR)) return body;
+        if (count > 0) body.size += static_cast<std::size_t>(count);
+        if (body.size < room) continue;
+        room = room_for(file, room);
+        auto larger = std::make_unique_for_overwrite<char[]>(room);
+        std::copy_n(body.bytes.get(), body.size, larger.get());
+        body.bytes = std::move(larger);
+    }
+}
+
+// Sends head and body, waiting for a slow client as long as it takes, until all is sent or the connection fails. Both
+// go into one call, so that a small answer leaves in one packet.
+void send_answer(int client_socket, std::string_view head, std::string_view body) {
+    while (!head.empty() || !body.empty()) {
+        iovec parts[] = {{const_cast<char*>(head.data()), head.size()}, {const_cast<char*>(body.data()), body.size()}};
+        msghdr message{};
+        message.msg_iov = parts;
+        message.msg_iovlen = std::size(parts);
+        const ssize_t count = sendmsg(client_socket, &message, MSG_NOSIGNAL);
         if (count >= 0) {
-            bytes.remove_prefix(static_cast<std::size_t>(count));
+            const std::size_t sent_of_head = std::min(static_cast<std::size_t>(count), head.size());
+            head.remove_prefix(sent_of_head);
+            body.remove_prefix(static_cast<std::size_t>(count) - sent_of_head);
         } else if (errno == EAGAIN) {
             std::this_thread::sleep_for(send_pause);
         } else if (errno != EINTR) {
-            return false;
+            return;
         }
     }
-    return true;
-}
-
-// While it lives, what is sent waits until it fills a packet. So the head and a small body leave in one: a packet of its
-// own for the head would be a sixth of the cost of a small answer.
-class Cork {
-  public:
-    explicit Cork(int corked_socket) : client_socket(corked_socket) { set(1); }
-    ~Cork() { set(0); }
-    Cork(const Cork&) = delete;
-    Cork& operator=(const Cork&) = delete;
-
-  private:
-    void set(int value) const { setsockopt(client_socket, IPPROTO_TCP, TCP_CORK, &value, sizeof value); }
-
-    const int client_socket;
-};
-
-// A file's content, in memory that is kept for the next file.
-class Body {
-  public:
-    // Reads every byte until the file ends or fails; none from a directory.
-    explicit Body(int file) {
-        for (;;) {
-            if (size == memory.size) make_room(file);
-            const ssize_t count = read(file, memory.bytes.get() + size, memory.size - size);
-            if (count > 0) {
-                size += static_cast<std::size_t>(count);
-            } else if (count == 0 || errno != EINTR) {
-                return;
-            }
-        }
-    }
-    ~Body() { keep_body_memory(std::move(memory)); }
-    Body(const Body&) = delete;
-    Body& operator=(const Body&) = delete;
-
-    std::string_view bytes() const { return {memory.bytes.get(), size}; }
-
-  private:
-    // Makes room for the whole file, as far as its size is known, and at least for twice as much as there is.
-    void make_room(int file) {
-        struct stat status;
-        const bool is_known = fstat(file, &status) == 0;
-        const std::size_t room = is_known ? static_cast<std::size_t>(status.st_size) + 1 : 0;
-        BodyMemory larger = take_body_memory(std::max(room, 2 * size));
-        std::copy_n(memory.bytes.get(), size, larger.bytes.get());
-        keep_body_memory(std::exchange(memory, std::move(larger)));
-    }
-
-    BodyMemory memory = take_body_memory(small_file);  // a small file is read at once, its size is not asked for
-    std::size_t size = 0;
-};
-
-// Sends the content of file, whose name decides on the content type, and closes file.
-void send_file(int client_socket, int file, const std::string& name) {
-    const Body body(file);
-    close(file);
-    const Cork cork(client_socket);
-    if (send_all(client_socket, ok_header(MimeTypes(name), body.bytes().size()))) send_all(client_socket, body.bytes());
 }
 
 void answer(const ClientTask& task) {
@@ -122,20 +99,19 @@ void answer(const ClientTask& task) {
     }
     const std::string target = with_index_file(request.target);
     log({"PATH = ", target, "\n"});
-    const std::string relative_path = target.substr(1);  // Intended: an empty target throws, which ends the process.
-    std::string name;
-    int file = open_plain_file(relative_path, &name);
-    if (file == -1) {
-        if (!is_path_allowed(relative_path, &name)) {
-            constexpr std::string_view response = forbidden_response;
-            log({"ERROR: ", response});
-            send(task.client_socket, response.data(), response.size(), 0);  // Intended: no MSG_NOSIGNAL in this one.
-            return;
-        }
-        file = open(name.c_str(), O_RDONLY);
+    // Intended: an empty target throws here, which ends the process.
+    const OpenedFile file = open_site_file(target.substr(1));
+    if (!file.is_allowed) {
+        constexpr std::string_view response = forbidden_response;
+        log({"ERROR: ", response});
+        send(task.client_socket, response.data(), response.size(), 0);  // Intended: no MSG_NOSIGNAL in this one.
+        return;
     }
-    if (file == -1) return;  // Intended: there is no 404 over plain HTTP.
-    send_file(task.client_socket, file, name);
+    if (file.descriptor == -1) return;  // Intended: there is no 404 over plain HTTP.
+    const Body body = read_whole(file.descriptor);
+    close(file.descriptor);
+    send_answer(task.client_socket, ok_header(MimeTypes(file.canonical_name), body.size),
+                {body.bytes.get(), body.size});
 }
 
 }  // namespace

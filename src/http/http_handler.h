@@ -1,6 +1,6 @@
 #pragma once
 
-#include "net/client_task.h"
+#include "http/client_task.h"
 
 // Answers the one request of a plain-HTTP connection and closes its socket. Callable from several threads at once, each
 // with a task of its own. Throws std::out_of_range for a request that is "GET" and no more, std::bad_alloc for a file

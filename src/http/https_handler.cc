@@ -11,32 +11,34 @@
 #include <string_view>
 
 #include "config/server_config.h"
-#include "daemon/run_state.h"
 #include "http/file_cache.h"
 #include "http/mime_types.h"
 #include "http/request.h"
 #include "http/request_history.h"
 #include "http/responses.h"
+#include "http/site_path.h"
 #include "log/log.h"
 #include "net/rate_limiter.h"
+#include "net/run_state.h"
 
 namespace {
 
 constexpr int request_limit = 4095;
 
-// Never destroyed: a connection may still be served while the process exits.
-RequestHistory& request_history = *new RequestHistory;
+RequestHistory& request_history = *new RequestHistory;  // never destroyed, see config/server_config.h
 
-std::string openssl_error_text() {
-    BIO* const bio = BIO_new(BIO_s_mem());
-    if (bio == nullptr) return "Failed to allocate BIO";
-    ERR_print_errors(bio);
-    char* text = nullptr;
-    const long length = BIO_get_mem_data(bio, &text);
-    const std::string copy(text, static_cast<std::size_t>(length));
-    BIO_free(bio);
-    return copy;
-}
+// Ends the connection on every way out of its handler.
+struct Closing {
+    SSL* session;
+    int client_socket;
+    bool is_shutdown_due = true;
+
+    ~Closing() {
+        if (is_shutdown_due) SSL_shutdown(session);  // once: the client's own notification is not awaited
+        SSL_free(session);
+        close(client_socket);
+    }
+};
 
 // One connection, from the handshake to the answer.
 class Connection {
@@ -44,7 +46,7 @@ class Connection {
     Connection(SSL* tls_session, const std::string& address, const std::string& context)
         : session(tls_session), client_address(address), log_context(context) {}
 
-    // Returns true when the client is still to be told that the connection ends.
+    // Returns true when SSL_shutdown is due.
     bool serve() {
         if (is_rate_limited(client_address)) {
             log_request({too_many_requests_text});
@@ -78,7 +80,7 @@ class Connection {
         return true;
     }
 
-    // Intended: one write for each piece. Its result is not looked at; a connection that fails is over anyway.
+    // Intended: one write for each piece, whose result nobody checks: a connection that fails is over anyway.
     void write(std::string_view bytes) { SSL_write(session, bytes.data(), static_cast<int>(bytes.size())); }
 
     void refuse(const char* response) {
@@ -93,14 +95,15 @@ class Connection {
 
         const TargetParts target = split_target(request_text);
         log_request({"PATH = ", target.path, "\n"});
+        const std::string& website_path = server_config.website_path;
         std::string canonical_name;
-        if (!is_path_allowed(target.path.substr(1), &canonical_name)) return refuse(forbidden_response);
+        if (!is_path_allowed(website_path, target.path.substr(1), &canonical_name)) return refuse(forbidden_response);
         if (target.query) parse_query(*target.query);  // Intended: nothing asks for the result.
-        send_file(canonical_name, server_config.website_path + target.path);
+        send_file(canonical_name, website_path + target.path);
     }
 
-    // Intended: the content type, and a file that is not to be cached, go by direct_name; the cache and its ignore list
-    // by canonical_name.
+    // Intended: the cache and its ignore list know a file by canonical_name; the content type follows direct_name,
+    // under which a listed file is also opened.
     void send_file(const std::string& canonical_name, const std::string& direct_name) {
         std::unique_ptr<MappedFile> uncached;
         const MappedFile* file = nullptr;
@@ -129,20 +132,28 @@ class Connection {
 
 }  // namespace
 
+std::string openssl_error_text() {
+    BIO* const bio = BIO_new(BIO_s_mem());
+    if (bio == nullptr) return "Failed to allocate BIO";
+    ERR_print_errors(bio);
+    char* text = nullptr;
+    const long length = BIO_get_mem_data(bio, &text);
+    const std::string copy(text, static_cast<std::size_t>(length));
+    BIO_free(bio);
+    return copy;
+}
+
 void handle_https_client(SSL* session, int client_socket, const std::string& client_address) {
     const ActiveServer active;
+    Closing closing{session, client_socket};
     const std::string context = thread_context();
-    bool is_shutdown_due = true;
     try {
-        is_shutdown_due = Connection(session, client_address, context).serve();
+        closing.is_shutdown_due = Connection(session, client_address, context).serve();
     } catch (const std::exception& error) {
         log_to_targets(log_target_https, std::string("Error handling client: ") + error.what(), context);
     } catch (...) {
         log_to_targets(log_target_https, "Error handling client: Unknown", context);
     }
-    if (is_shutdown_due) SSL_shutdown(session);  // once: the client's own notification is not awaited
-    SSL_free(session);
-    close(client_socket);
 }
 
 void run_https_client(SSL* session, int client_socket, const std::string& client_address) {

@@ -8,8 +8,7 @@ namespace {
 using Table = std::unordered_map<std::string, std::string>;
 
 const Table& content_types() {
-    // Never destroyed: a worker may look a type up while the process exits.
-    // Intended: "htm" is not here.
+    // Never destroyed, see config/server_config.h. Intended: "htm" is not here.
     static const Table& table = *new Table{
         {"html", "text/html"},
         {"css", "text/css"},

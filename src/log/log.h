@@ -8,8 +8,9 @@
 
 #include "log/logger.h"
 
-// Which log a message goes to. Each function below may be called from any thread, and none of them throws because a
-// line could not be written; a log that is switched off or not open takes nothing.
+// Which log a message goes to. The functions below may be called from any thread. A log that is off or not open takes
+// nothing. A line that cannot be queued is lost without an error; std::bad_alloc is thrown only when the message itself
+// cannot be put together.
 enum LogTarget : std::int32_t { log_target_http = 0, log_target_https = 1, log_target_both = 2 };
 
 // Null until the configuration loader opens them, then there until the process ends.
@@ -22,18 +23,18 @@ std::string thread_context();
 // Writes to http_logger when which is 0, otherwise to https_logger, if that log is on.
 void write_server_log(std::int32_t which, const std::string& message, const std::string& context);
 
-// Writes to the logs that target names, the HTTP log first, of those whose server is to be started.
+// Writes to the logs that target names, the HTTP log first. Leaves out the log of a server that is not to be started.
 void log_to_targets(LogTarget target, const std::string& message, const std::string& context);
 
 // Writes first + " " + second and a line end, so that an empty line follows the entry. second may come in parts, which
-// are put together only if a log takes them.
+// are joined only if a log takes them.
 void log_event(LogTarget target, const std::string& first, std::string_view second, const std::string& context);
 void log_event(LogTarget target, const std::string& first, std::initializer_list<std::string_view> second,
                const std::string& context);
 
-// Writes to both logs, as far as they are open and their server is to be started. For the configuration loader and the
-// signal handler.
+// log_to_targets for both logs. For the configuration loader and the signal handler.
 void log_shutdown_message(const std::string& message, const std::string& context);
 
-// Returns when what has been logged so far is in the files, or after limit. Takes no lock: made for the signal handler.
+// Returns when the writers are done with everything logged so far, or after limit. Takes no lock: made for the signal
+// handler.
 void wait_for_log_writers(std::chrono::milliseconds limit);

@@ -1,12 +1,15 @@
 #include "log/logger.h"
 
 #include <pthread.h>
+#include <signal.h>
 
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
 #include <utility>
+
+#include "log/signal_hold.h"
 
 namespace {
 
@@ -39,7 +42,12 @@ Logger::Logger(const std::string& path, std::int32_t lowest_level) : min_level(l
     file.open(path, std::ios::app);
     const int error = errno;  // now: putting the text together may change it
     if (!file) throw log_open_error(path, error);
+    // The writer takes the queue's lock, so it starts with signals held; the caller may have admitted them.
+    sigset_t before;
+    pthread_sigmask(SIG_BLOCK, nullptr, &before);
+    hold_signals();
     writer = std::thread(&Logger::run, this);
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
 }
 
 void Logger::log(std::int32_t level, const std::string& message, const std::string& context) {

@@ -39,8 +39,8 @@ class Logger {
     // signal handler. Throws std::system_error when the queue cannot be locked, std::bad_alloc.
     void log(std::int32_t level, const std::string& message, const std::string& context);
 
-    // Returns when everything that was queued before the call is in the file, or at the deadline.
-    // Takes no lock: made for the signal handler.
+    // Returns when the writer is done with every entry that was queued before the call, or at the deadline. Takes no
+    // lock: made for the signal handler.
     void wait_until_written(std::chrono::steady_clock::time_point deadline) const;
 
   private:
@@ -48,7 +48,7 @@ class Logger {
 
     std::ofstream file;
     std::thread writer;
-    std::mutex queue_mutex;  // guards the queue and the three flags; log looks at disabled without it
+    std::mutex queue_mutex;  // guards the queue and the three flags; log reads disabled without it
     std::condition_variable queue_cv;
     std::deque<LogEntry> queue;  // oldest first
     // Intended: nothing in the daemon sets these three; they are honoured all the same.

@@ -1,3 +1,4 @@
+#include <malloc.h>
 #include <openssl/crypto.h>
 #include <signal.h>
 
@@ -8,8 +9,8 @@
 #include "banner/banner.h"
 #include "config/server_config.h"
 #include "daemon/daemonize.h"
-#include "daemon/signal_handler.h"
 #include "daemon/supervisor.h"
+#include "log/signal_hold.h"
 
 namespace {
 
@@ -34,12 +35,20 @@ void take_config_option(char** arguments) {
     }
 }
 
+// The C library keeps the memory of large files for later requests, all of it in one arena: the HTTP listener, which
+// frees this memory when idle, could not free it in the arenas of other threads.
+void settle_memory() {
+    mallopt(M_ARENA_MAX, 1);
+    mallopt(M_MMAP_THRESHOLD, 16 << 20);
+    mallopt(M_TRIM_THRESHOLD, 64 << 20);
+}
+
 int start(int count, char** arguments) {
     if (is_daemon_running()) return refuse("Daemon is already running");
     print_version();
     if (count == 4) take_config_option(arguments);
-    // Signals wait from here until the supervisor has loaded the configuration and sleeps, so that one that comes right
-    // after the pid file was written finds the handler. Faults that somebody sends cannot be made to wait.
+    settle_memory();
+    // A signal that comes right after the pid file was written waits until its handler is installed.
     hold_signals();
     daemonize();
     run_servers();
@@ -50,8 +59,8 @@ int stop() {
     if (!is_daemon_running()) return refuse("Daemon is not running");
     std::ifstream file(pid_file_path);
     pid_t pid = 0;
-    // A file that holds no process id is answered like any other, but nothing is signalled: 0 and negative numbers
-    // would reach whole groups of processes.
+    // A file without a process id is no error, but nothing is signalled: 0 and negative numbers would reach whole
+    // groups of processes.
     if (file >> pid && pid > 0) kill(pid, SIGTERM);
     return 0;
 }
@@ -59,7 +68,7 @@ int stop() {
 }  // namespace
 
 int main(int argument_count, char** arguments) {
-    // The daemon exits while its threads go on: OpenSSL is not to tear itself down under them.
+    // The daemon exits while its threads go on: OpenSSL must not tear itself down under them.
     OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr);
 
     // Intended: every way to the banner lowers the character exactly three times, here, below and with its command.

@@ -17,19 +17,22 @@
 #include <thread>
 
 #include "config/server_config.h"
-#include "daemon/run_state.h"
-#include "http/body_memory.h"
+#include "http/client_task.h"
+#include "http/http_handler.h"
 #include "http/responses.h"
 #include "log/log.h"
-#include "net/client_task.h"
 #include "net/rate_limiter.h"
+#include "net/run_state.h"
 #include "net/thread_pool.h"
+#include "public/listening.h"
+#include "public/public_handler.h"
 
 namespace {
 
 constexpr int backlog = 4096;
 constexpr std::size_t worker_count = 4;
 constexpr std::chrono::milliseconds idle_pause{100};
+constexpr int pauses_between_trims = 4;  // so that traffic with gaps finds the memory of the last bodies again
 
 bool set_non_blocking(int descriptor) {
     const int flags = fcntl(descriptor, F_GETFL);
@@ -55,6 +58,7 @@ int open_listening_socket(const std::string& context) {
     if (setsockopt(listening_socket, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) < 0) {
         return give_up(std::string("Error setsockopt: ") + std::strerror(errno));
     }
+    if (server_config.public_site) prepare_public_socket(listening_socket);
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_ANY);
@@ -83,15 +87,21 @@ void admit_or_refuse(int client_socket, const sockaddr_in& peer, const std::stri
 }
 
 void accept_connections(int listening_socket, const std::string& context, ThreadPool& pool) {
+    int idle_pauses = 0;
     while (server_running) {
         sockaddr_in peer{};
         socklen_t length = sizeof peer;
         const int client_socket = accept(listening_socket, reinterpret_cast<sockaddr*>(&peer), &length);
         if (client_socket != -1) {
+            idle_pauses = 0;
             admit_or_refuse(client_socket, peer, context, pool);
         } else if (errno == EAGAIN) {
-            std::this_thread::sleep_for(idle_pause);
-            age_body_memory();
+            if (server_config.public_site) {
+                wait_for_connection(listening_socket);
+            } else {
+                std::this_thread::sleep_for(idle_pause);
+            }
+            if (++idle_pauses % pauses_between_trims == 0) malloc_trim(0);
         } else {
             // Intended: no pause before the next attempt.
             log_to_targets(log_target_http, std::string("Error accept: ") + std::strerror(errno), context);
@@ -99,20 +109,13 @@ void accept_connections(int listening_socket, const std::string& context, Thread
     }
 }
 
-// The C library keeps the memory of small bodies for the next one. Large ones are kept elsewhere, see body_memory.h.
-void settle_memory() {
-    constexpr int large_body = 1 << 20;
-    mallopt(M_MMAP_THRESHOLD, large_body);
-    mallopt(M_TRIM_THRESHOLD, 2 * large_body);
-}
-
 void serve(const std::string& context) {
-    settle_memory();
     std::signal(SIGPIPE, SIG_IGN);
     const int listening_socket = open_listening_socket(context);
     if (listening_socket == -1) return;
 
-    ThreadPool pool(worker_count);
+    const bool is_public = server_config.public_site;
+    ThreadPool pool(is_public ? public_workers : worker_count, is_public ? handle_public_http : handle_http_client);
     log_to_targets(log_target_http, "Server started on port " + std::to_string(server_config.port_http), context);
     log_to_targets(log_target_http, "Serving files from: " + server_config.website_path, context);
     accept_connections(listening_socket, context, pool);

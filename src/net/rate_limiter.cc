@@ -19,13 +19,6 @@ struct RequestPeriod {
 
 class RateLimiter {
   public:
-    RateLimiter() = default;
-    // Destroyed while the process exits and a server may still ask: the lock is taken for good, so that a late caller
-    // waits for the end instead of meeting maps that are gone.
-    ~RateLimiter() { rate_mutex.lock(); }
-    RateLimiter(const RateLimiter&) = delete;
-    RateLimiter& operator=(const RateLimiter&) = delete;
-
     bool refuses(const std::string& client_address) {
         const std::lock_guard lock(rate_mutex);
         const Clock::time_point now = Clock::now();
@@ -47,12 +40,12 @@ class RateLimiter {
 
   private:
     std::mutex rate_mutex;  // guards both maps
-    // Intended: both keep every address for good, and nothing reads the second.
+    // Intended: an address is never removed from either, and nothing reads the second.
     std::map<std::string, RequestPeriod> request_periods;
     std::map<std::string, Clock::time_point> refused_at;
 };
 
-RateLimiter rate_limiter;
+RateLimiter& rate_limiter = *new RateLimiter;  // never destroyed, see config/server_config.h
 
 }  // namespace
 

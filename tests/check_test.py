@@ -1,0 +1,138 @@
+# Configurations that are refused or odd, as marlu-check takes them from the daemon's own loader, and what it lists.
+import os
+import re
+import shutil
+import unittest
+
+from harness import PROGRAMS, TLS, WORK, cache_slot, make_certificates, read, run, write
+
+CHECK = f"{PROGRAMS}/marlu-check"
+SITE = f"{WORK}/site"
+HTTP = f"website_path={SITE}/docs\nstart_http=y\n"
+HTTPS = (f"website_path={SITE}/docs\nstart_https=y\nport_https=8443\ncipher_list=ALL:@SECLEVEL=1\n"
+         f"crt_file={TLS}/good.crt\nkey_file={TLS}/good.key\n")
+MISSING = "The path to the file is incorrect. "
+
+
+def setUpModule():
+    make_certificates()
+    write(f"{SITE}/docs/index.html", "hello")
+    for number in range(100):  # more than the cache has slots
+        write(f"{SITE}/{number}", "x" * (number * 37 % 101 + 1))
+
+
+def check(settings, prefix=""):
+    write(f"{WORK}/check.cfg", settings)
+    return run(f"{prefix} {CHECK} config {WORK}/check.cfg")
+
+
+class Config(unittest.TestCase):
+    def test_names_the_first_thing_that_is_wrong(self):
+        write(f"{TLS}/broken.pem", "-----BEGIN CERTIFICATE-----\n!\n-----END CERTIFICATE-----\n" + 1024 * "\n" +
+              read(f"{TLS}/good.crt"))
+        pem = f"{HTTPS}pem_file={TLS}"
+        separate = f"website_path={SITE}\nstart_https=y\ncipher_list=ALL\n"
+        crt, key = f"crt_file={TLS}/good.crt\n", f"key_file={TLS}/good.key\n"
+        cases = [
+            ("port_http\n", "Invalid configuration line: port_http"),
+            (HTTP + " # not in column one", "Invalid configuration line:  # not in column one"),
+            (HTTP + "port=81\r\n\r\n", "Invalid configuration line: \r"),
+            ("start_http=y", "Unable to open configuration file: not found [website_path]"),
+            ("website_path= \nport=x", "Unable to open configuration file: [website_path] is empty"),
+            (HTTP + "start_http=n\nport=x", "No permission to start any server: start_http and/or start_https"),
+            (HTTP + "port=8o80\nport_http=x", "Value is not a number. [port]"),
+            (HTTP + "port_http=81\nport_https=-1", "Value is not a number. [port_https]"),
+            (HTTP + "port=2147483648", "stoi"),
+            ("use_log_https=y\nlog_file_https=/run", "Failed to open log file: /run - Is a directory"),
+            (HTTPS + "pem_file=.", MISSING + "File missing. [pem_file]"),
+            (pem + "/good.key", "PEM is missing certificate [pem_file]"),
+            (pem + "/good.crt", "PEM is missing a key [pem_file]"),
+            (pem + "/broken.pem", "PEM is missing a key [pem_file]"),
+            (separate + "pem_file=\ncrt_file=/none", "One of the items is missing: crt_file and/or key_file"),
+            (separate + "crt_file=/none\nkey_file=", "File path not specified: crt_file and/or key_file"),
+            (separate + "crt_file=/none\nkey_file=/none", MISSING + "File missing. [crt_file]"),
+            (separate + crt + "key_file=/none", MISSING + "File missing. [key_file]"),
+            (separate + crt + key + "chain_file=/none", MISSING + "File missing. [chain_file]"),
+            (HTTPS + "cipher_list=\nport=x", "The list of ciphers is incorrect. [cipher_list]"),
+            (HTTPS + "cipher_list=none", "Error installing cipher list: none"),
+            (HTTPS + "cache_ignore=/run", MISSING + "[cache_ignore]"),
+        ]
+        for settings, error in cases:
+            self.assertEqual(check(settings), ("", f"{error}\n", 1), settings)
+        self.assertEqual(run(f"{CHECK} config /none"), ("", "Unable to open configuration file: /none\n", 1))
+
+    def test_is_summed_up_with_a_warning_of_what_nobody_wants(self):
+        os.symlink(SITE, f"{WORK}/link")
+        os.makedirs(f"{WORK}/My Site")
+        for name in ("old", "older"):
+            os.makedirs(f"{SITE}/docs/{name}", exist_ok=True)
+        write(f"{WORK}/list", run(f"{CHECK} list {SITE}")[0])
+        one, two = f"log_file={WORK}/new.log\n", f"log_file_http={WORK}/other.log\n"
+        to_one, to_two = f"port 80, log {WORK}/new.log", f"port 80, log {WORK}/other.log"
+        cases = [  # settings, what the summary holds, the warnings, and what the program is run with
+            (f"# note\n\n \tWebsite_Path = {WORK}/My Site \nSTART_HTTP=yes", f" {WORK}/My Site\n", ""),
+            (HTTP + "PORT=81\nport=82\r\n#port=83", "port 82", ""),
+            (HTTP + "port_http=090\nport=81", "port 90", ""),
+            (HTTP + "port=81\nport_http=70000", "port 70000", "[port_http] 70000 is no port"),
+            (HTTP + "prot=81", "port 80", "unknown key [prot]"),
+            (HTTP + "use_log=yes\n" + one, to_one, ""),
+            (HTTP + "use_log=y\n" + one + two, to_one, ""),
+            (HTTP + "use_log=n\nuse_log_http=y\n" + two, to_two, ""),
+            (HTTP + "use_log=Yes\n" + one, "log off", "[use_log] is neither yes"),
+            (HTTP + "use_log_http=no\nuse_log=y\n" + one + two, "log off", ""),
+            (HTTP + "use_log=y\nuse_log_http=y\n" + one, "log off", ""),
+            (HTTP + f"website_path={SITE}//", f" {SITE}/\n", "[website_path] is not canonical\npublic_site=yes"),
+            (HTTP + f"website_path={WORK}/link/", f" {WORK}/link\n", "[website_path] is not canonical\npublic_site=yes"),
+            (HTTP + f"website_path={SITE}/docs/old", "", f"[website_path] {SITE}/docs/older begins with it\npublic_site=yes"),
+            (HTTPS + f"public_site=y\nwebsite_path={WORK}/link/.", f" {SITE}\nserved       as a public site\n", ""),
+            (HTTP + f"public_site=y\nwebsite_path={SITE}/docs/old", "", ""),
+            (HTTP + "website_path=C:\\", " C:\n", "[website_path] is no directory"),
+            (HTTP + "website_path=/", "website      \n", "[website_path] is the root directory"),
+            (HTTPS, "not cached   0 files", ""),
+            (HTTPS + f"website_path={SITE}", "not cached   0 files", "[cache_ignore] \npublic_site=yes"),
+            (HTTPS + f"website_path={SITE}\ncache_ignore={WORK}/list", f"{len(read(f'{WORK}/list').split())} files", ""),
+            (HTTPS + "start_http=y\nport=8443", "port 8443", "[port_http] and [port_https] are the same"),
+            (HTTPS + f"crt_file={TLS}/expired.crt", "CN = good, ", "the certificate has expired"),
+            (HTTPS + f"key_file={TLS}/root.key", "", "the private key does not match the certificate"),
+            (HTTPS, "", "no permission here for the packet socket", "setpriv --bounding-set -net_raw"),
+            (HTTPS + "port_https=443", "", "[port_https] no permission", "setpriv --bounding-set -net_bind_service"),
+        ]
+        for settings, summary, warning, *prefix in cases:
+            output, errors, status = check(settings, *prefix)
+            self.assertRegex(output, rf"\AOK\n(?=website  )(.*\n)*.*{re.escape(summary)}", settings)
+            lines = "".join(f"warning: {re.escape(line)}.*\n" for line in warning.splitlines())
+            self.assertRegex(errors, rf"\A{lines}\Z", settings)
+            self.assertEqual(status, 0, settings)
+        self.assertFalse(os.path.exists(f"{WORK}/new.log"))
+
+
+class List(unittest.TestCase):
+    def test_leaves_the_largest_file_of_each_slot_in_the_cache(self):
+        site = f"{WORK}/listed"
+        shutil.copytree(SITE, site)
+        write(f"{site}/empty", "")
+        write(f"{site}/a b", "blank")
+        for target, link in (("/etc/passwd", "out"), ("none", "broken"), ("..", "docs/up"), ("0", "link")):
+            os.symlink(target, f"{site}/{link}")
+        output, errors, status = result = run(f"{CHECK} list {site}/docs/..")
+        self.assertEqual(run(f"{CHECK} list {site}"), result)
+        self.assertEqual((re.sub(": .+", "", errors), status), ("a b\nbroken\nempty\nout\n", 0))
+        listed = output.splitlines()
+        self.assertEqual(listed, sorted(listed))
+        kept, largest = {}, {}  # bytes in each slot
+        for name in map(str, range(100)):
+            slot, size = cache_slot(f"{site}/{name}"), os.path.getsize(f"{site}/{name}")
+            largest[slot] = max(largest.get(slot, 0), size)
+            if name not in listed:
+                self.assertNotIn(slot, kept)
+                kept[slot] = size
+        self.assertEqual(kept, largest)
+
+    def test_leaves_what_fits_into_the_cache(self):
+        site = f"{WORK}/large"
+        for name, size in (("a", 129 << 20), ("b", 127 << 20)):
+            write(f"{site}/{name}", "")
+            os.truncate(f"{site}/{name}", size)
+        self.assertEqual(run(f"{CHECK} list {site}"), ("", "", 0))
+        write(f"{site}/c", "c")
+        self.assertEqual(run(f"{CHECK} list {site}"), ("a\n", "", 0))
