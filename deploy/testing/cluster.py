@@ -3,12 +3,16 @@
     visitors --- 198.51.100.0/24 --- router --- 192.0.2.0/24 --- first, second --- 10.77.1.0/24 --- one, two, three (four)
 """
 import os
+import re
 import shutil
 import subprocess
 
 from network import Machine, make_network, run, wait_for
 
 DEPLOY = os.path.dirname(os.path.dirname(os.path.realpath(__file__)))
+ROOT = os.path.dirname(DEPLOY)
+BUILD = os.path.join(ROOT, "build/deploy")
+WORK = os.path.join(BUILD, "test")  # a tmpfs of the test, where the machines see it
 ADDRESS = "192.0.2.10"  # the one that moves
 NAME = "site.example"
 MARLUS = {"one": "10.77.1.11", "two": "10.77.1.12", "three": "10.77.1.13", "four": "10.77.1.14"}
@@ -18,28 +22,28 @@ MARLU_CONFIGURATION = """website_path=/srv/www
 start_http=yes
 port_http=80
 use_log_http=yes
-log_file_http=/run/http.log
+log_file_http=/run/marluserver.log
 """
 
 
 class Cluster:
-    def __init__(self, work, programs, site, more_configuration=""):
-        self.work, self.programs, self.site, self.more_configuration = work, programs, site, more_configuration
+    def __init__(self, site, more_configuration):
+        self.site, self.more_configuration = site, more_configuration
         self.machines = {}
         self.processes = []
         # What the machines mount stays theirs, and so does what others mount meanwhile.
         run("mount", "--make-rprivate", "/")
         run("ip", "link", "set", "lo", "up")
-        os.makedirs(os.path.join(work, "machines"))
+        os.mkdir(self.path("machines"))
         for network in ("inside", "outside", "far"):
             make_network(network)
         self.make_certificates()
 
     def path(self, *names):
-        return os.path.join(self.work, *names)
+        return os.path.join(WORK, *names)
 
     def add(self, name):
-        machine = self.machines[name] = Machine(name, self.work)
+        machine = self.machines[name] = Machine(name, WORK)
         with open(self.path("machines", name), "w") as file:
             file.write(machine.pid)
         return machine
@@ -70,7 +74,7 @@ class Cluster:
         """Joins two machines by a cable on which packets take a time. An end is a machine, an interface and addresses."""
         ends = (end, other_end)
         names = [text for machine, interface, _ in ends for text in (machine.pid, interface)]
-        self.processes.append(subprocess.Popen([os.path.join(self.programs, "wire"), *names, str(delay)]))
+        self.processes.append(subprocess.Popen([os.path.join(BUILD, "wire"), *names, str(delay)]))
         for machine, interface, addresses in ends:
             wait_for(lambda: interface in machine.run("ip", "-brief", "link"), interface)
             for address in addresses:
@@ -83,15 +87,15 @@ class Cluster:
     def add_marlu(self, name):
         machine = self.add(name)
         machine.connect("inside", MARLUS[name] + "/24")
-        for program in ("marluserver", "marlu-check"):
-            machine.copy(os.path.join(self.programs, program), "/opt/marlu/" + program)
+        for program in (BUILD + "/marluserver", BUILD + "/marlu-check", DEPLOY + "/container/first_process"):
+            machine.copy(program, "/opt/marlu/" + os.path.basename(program))
         machine.write("/opt/marlu/marlu/marluserver.cfg", MARLU_CONFIGURATION + self.more_configuration)
         machine.copy(self.site, "/srv/www")
         machine.write("/srv/www/alive.txt", "alive\n")
         # Stands for what a service manager does: the daemon comes back two seconds after its end.
-        self.start(machine, name + ".log", "sh", "-c", f"""
+        self.start(machine, name + ".log", "sh", "-c", """
             while :; do
-                {self.programs}/first_process /opt/marlu/marluserver /opt/marlu/marlu/marluserver.cfg /run/http.log
+                /opt/marlu/first_process
                 echo "ended with $?"
                 sleep 2
             done""")
@@ -105,6 +109,18 @@ class Cluster:
     def answers(self, name):
         return subprocess.run(self.machines[name].command("curl", "-sfo", "/dev/null", "-m", "1", "http://localhost/alive.txt"),
                               stdout=subprocess.DEVNULL).returncode == 0
+
+    def wait_until_served(self, names=("one", "two", "three"), balancers=tuple(BALANCERS)):
+        """Until each of the marlus answers, and each of the balancers knows."""
+        for name in names:
+            wait_for(lambda: self.answers(name), name + " answers")
+        for balancer in balancers:
+            command = self.machines[balancer].command("curl", "-s", "http://127.0.0.1:8404/;csv")
+
+            def statistics():
+                return subprocess.run(command, stdout=subprocess.PIPE, text=True).stdout  # empty while HAProxy starts
+            for name in names:
+                wait_for(lambda: re.search(f"^marlus,{name},.*,UP,", statistics(), re.M), f"{name} in {balancer}")
 
     # Balancers
 
@@ -179,3 +195,14 @@ class Cluster:
         return self.machines["visitors"].run("curl", "--silent", "--show-error", "--max-time", "20", "--cacert", self.ca,
                                              "--resolve", f"{NAME}:443:{ADDRESS}", "--resolve", f"{NAME}:80:{ADDRESS}",
                                              *arguments, **options)
+
+
+def start_cluster(more_configuration, site=os.path.join(ROOT, "site")):
+    """Two balancers and visitors, as yet without a marlu."""
+    cluster = Cluster(site, more_configuration)
+    cluster.add_visitors()
+    for name in BALANCERS:
+        cluster.add_balancer(name)
+        cluster.start_balancer(name)
+    wait_for(lambda: len(cluster.holder()) == 1, "one balancer with the address")
+    return cluster

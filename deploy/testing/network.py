@@ -4,9 +4,7 @@ A machine is a set of namespaces (network, mounts, processes, name) that shares 
 in the network namespace of the caller, who has to be in one of its own.
 """
 import os
-import signal
 import subprocess
-import sys
 import time
 
 PRIVATE = ("/run", "/srv", "/opt", "/mnt", "/var/log")  # what each machine has for itself, empty at first
@@ -26,6 +24,11 @@ def wait_for(condition, what, seconds=30):
         if time.monotonic() > limit:
             raise TimeoutError(f"not within {seconds} s: {what}")
         time.sleep(0.02)
+
+
+def read(path):
+    with open(path, errors="replace") as file:
+        return file.read()
 
 
 def make_network(name):
@@ -103,6 +106,3 @@ class Machine:
     def write(self, path, text):
         self.run("mkdir", "-p", os.path.dirname(path))
         self.run("sh", "-c", 'cat >"$1"', "sh", path, input=text)
-
-    def has_process(self, name):
-        return subprocess.run(self.command("pgrep", "-x", name), stdout=subprocess.DEVNULL).returncode == 0
