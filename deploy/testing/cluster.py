@@ -4,10 +4,9 @@
 """
 import os
 import re
-import shutil
 import subprocess
 
-from network import Machine, make_network, run, wait_for
+from network import Machine, make_network, read, run, wait_for
 
 DEPLOY = os.path.dirname(os.path.dirname(os.path.realpath(__file__)))
 ROOT = os.path.dirname(DEPLOY)
@@ -17,6 +16,8 @@ ADDRESS = "192.0.2.10"  # the one that moves
 NAME = "site.example"
 MARLUS = {"one": "10.77.1.11", "two": "10.77.1.12", "three": "10.77.1.13", "four": "10.77.1.14"}
 BALANCERS = {"first": (1, 64), "second": (2, 128)}
+# What "systemctl reload haproxy" does.
+RELOAD = "haproxy -c -q -f /etc/haproxy/haproxy.cfg && kill -USR2 $(cat /run/haproxy.pid)"
 VISITORS = [f"198.51.100.{number}" for number in range(11, 27)]
 MARLU_CONFIGURATION = """website_path=/srv/www
 start_http=yes
@@ -48,6 +49,12 @@ class Cluster:
             file.write(machine.pid)
         return machine
 
+    def administer(self, script, *arguments, **environment):
+        """Runs a script of deploy/cluster, for which testing/reach stands in for ssh."""
+        run(os.path.join(DEPLOY, "cluster", script), *arguments, env={
+            **os.environ, "SSH": DEPLOY + "/testing/reach", "RSYNC_RSH": DEPLOY + "/testing/reach",
+            "MACHINES": self.path("machines"), **environment})
+
     def start(self, machine, log, *command):
         self.processes.append(machine.start(log, *command))
 
@@ -65,10 +72,6 @@ class Cluster:
             "subjectAltName=DNS:" + NAME, "-keyout", key, "-out", request)
         run("openssl", "x509", "-req", "-in", request, "-CA", self.ca, "-CAkey", self.path("ca.key"), "-set_serial", str(serial),
             "-days", "2", "-copy_extensions", "copy", "-out", certificate)
-        with open(self.path("site.pem"), "wb") as together:
-            for name in (certificate, key):
-                with open(name, "rb") as part:
-                    shutil.copyfileobj(part, together)
 
     def join(self, end, other_end, delay):
         """Joins two machines by a cable on which packets take a time. An end is a machine, an interface and addresses."""
@@ -142,11 +145,11 @@ class Cluster:
             machine.connect("inside", address)
         machine.connect("outside", f"192.0.2.{number}/24")
         machine.run("ip", "route", "add", "default", "via", "192.0.2.254")
-        machine.run(os.path.join(DEPLOY, "cluster/source_addresses"), "10.77.1", str(first_source))
+        machine.run(os.path.join(DEPLOY, "cluster/balancer_network"), "10.77.1", str(first_source))
         for directory in ("haproxy", "keepalived"):
             machine.run("mount", "-t", "tmpfs", "-o", "mode=755", "tmpfs", "/etc/" + directory)
         machine.copy(os.path.join(DEPLOY, "haproxy"), "/etc/haproxy")
-        machine.copy(self.path("site.pem"), "/etc/haproxy/site.pem")
+        machine.write("/etc/haproxy/site.pem", read(self.path("site.crt")) + read(self.path("site.key")))
         machine.copy(os.path.join(DEPLOY, "cluster/keepalived.conf"), "/etc/keepalived/keepalived.conf")
         machine.run("mkdir", "/run/haproxy")
         return machine
@@ -157,15 +160,6 @@ class Cluster:
         machine.run("keepalived", "--config-test", "--config-id", name)
         self.start(machine, name + ".log", "haproxy", "-W", "-p", "/run/haproxy.pid", "-f", "/etc/haproxy/haproxy.cfg")
         self.start(machine, name + ".keepalived.log", "keepalived", "--dont-fork", "--log-console", "--config-id", name)
-
-    def reload_balancer(self, name):
-        """As "systemctl reload haproxy" does."""
-        machine = self.machines[name]
-        machine.run("haproxy", "-c", "-f", "/etc/haproxy/haproxy.cfg")
-        before = machine.run("pgrep", "-P", machine.run("cat", "/run/haproxy.pid").strip()).split()
-        machine.run("sh", "-c", "kill -USR2 $(cat /run/haproxy.pid)")
-        wait_for(lambda: set(machine.run("pgrep", "-P", machine.run("cat", "/run/haproxy.pid").strip()).split()) - set(before),
-                 "a new HAProxy process")
 
     def has_address(self, name):
         machine = self.machines[name]

@@ -10,7 +10,7 @@ import subprocess
 import threading
 import time
 
-from cluster import ADDRESS, BALANCERS, DEPLOY, MARLUS, NAME, ROOT, VISITORS, WORK, start_cluster
+from cluster import ADDRESS, BALANCERS, DEPLOY, MARLUS, NAME, RELOAD, ROOT, VISITORS, WORK, start_cluster
 from network import read, run, wait_for
 from report import check, same, step, tell
 
@@ -206,15 +206,14 @@ def add_machine(cluster):
     wait_for(lambda: cluster.answers("four"), "four answers")
     for name in BALANCERS:
         cluster.machines[name].run("sh", "-c", f"echo '    server four {MARLUS['four']}:80' >>/etc/haproxy/haproxy.cfg")
-        cluster.reload_balancer(name)
+        cluster.machines[name].run("sh", "-c", RELOAD)
     cluster.wait_until_served(MARLUS)
     log = cluster.path(cluster.holder()[0] + ".log")
     wait_for(lambda: ' "four 0"' in read(log), "four answers visitors")
 
 
 def publish(cluster):
-    environment = {**os.environ, "RSYNC_RSH": os.path.join(DEPLOY, "testing/reach"), "MACHINES": cluster.path("machines")}
-    run(os.path.join(DEPLOY, "cluster/publish"), cluster.path("versions/2"), "15", *MARLUS, env=environment)
+    cluster.administer("publish", cluster.path("versions/2"), "15", *MARLUS)
     for name in MARLUS:
         cluster.machines[name].run("test", "!", "-e", "/srv/www/gallery-1")
         cluster.machines[name].run("test", "-e", "/srv/www/alive.txt")
@@ -223,19 +222,15 @@ def publish(cluster):
 
 def renew_certificate(cluster):
     cluster.make_certificate(2)
-    for name in BALANCERS:
-        cluster.machines[name].copy(cluster.path("site.pem"), "/etc/haproxy/site.pem")
-        cluster.reload_balancer(name)
-    seen = cluster.machines["visitors"].run("sh", "-c", f"openssl s_client -connect {ADDRESS}:443 </dev/null 2>/dev/null |"
-                                            "openssl x509 -noout -serial").strip()
-    same("the new certificate", seen, "serial=02")
+    cluster.administer("renew", cluster.path("site.crt"), cluster.path("site.key"), *BALANCERS, RELOAD=RELOAD)
+    for number, _ in BALANCERS.values():
+        command = f"openssl s_client -connect 192.0.2.{number}:443 </dev/null 2>&1 | openssl x509 -noout -serial"
+        wait_for(lambda: "serial=02" in cluster.machines["visitors"].run("sh", "-c", command), "the new certificate")
 
 
 def restart_each(cluster):
     before = {name: cluster.marlu_process(name) for name in MARLUS}
-    run(os.path.join(DEPLOY, "cluster/restart"), *MARLUS, env={
-        **os.environ, "SSH": os.path.join(DEPLOY, "testing/reach"), "MACHINES": cluster.path("machines"),
-        "RESTART": "kill -TERM $(cat /run/marluserver.pid)"})
+    cluster.administer("restart", *MARLUS, RESTART="kill -TERM $(cat /run/marluserver.pid)")
     for name in MARLUS:
         check(cluster.marlu_process(name) != before[name], name + " was restarted")
 
