@@ -149,6 +149,8 @@ class Cluster:
         for directory in ("haproxy", "keepalived"):
             machine.run("mount", "-t", "tmpfs", "-o", "mode=755", "tmpfs", "/etc/" + directory)
         machine.copy(os.path.join(DEPLOY, "haproxy"), "/etc/haproxy")
+        if self.more_configuration:  # a public site
+            machine.run("sed", "-i", "s/mul(1200)/mul(5000)/", "/etc/haproxy/haproxy.cfg")
         machine.write("/etc/haproxy/site.pem", read(self.path("site.crt")) + read(self.path("site.key")))
         machine.copy(os.path.join(DEPLOY, "cluster/keepalived.conf"), "/etc/keepalived/keepalived.conf")
         machine.run("mkdir", "/run/haproxy")

@@ -101,7 +101,7 @@ def test_container(_):
     step("tells a stop from a fault")
     podman("start", "marlu")
     wait_for(is_served, "the container serves")
-    podman("exec", "marlu", "sh", "-c", "kill -KILL $(cat /var/run/marluserver.pid)")
+    podman("exec", "--detach", "marlu", "sh", "-c", "kill -KILL $(cat /var/run/marluserver.pid)")
     wait_for(lambda: exit_status() != "running", "the container ends", 10)
     same("status of a killed daemon", exit_status(), "1")
     podman("rm", "--force", "marlu")

@@ -95,7 +95,7 @@ def test_growth(more_configuration):
             return [processor_seconds(balancer, "haproxy"),
                     sum(processor_seconds(cluster.machines[machine], "marluserver") for machine in names)]
         before, began = used(), time.monotonic()
-        _, rate = load(visitors, f"{len(names)} marlus", f"https://{ADDRESS}/style.css", "--duration=8", "--clients=8",
+        _, rate = load(visitors, f"{len(names)} marlus", f"https://{ADDRESS}/style.css", "--duration=8", "--clients=5",
                        "--max-concurrent-streams=100", PAST_CACHE)
         seconds = time.monotonic() - began
         of_balancer, of_marlus = ((after - earlier) / seconds for earlier, after in zip(before, used()))
