@@ -102,7 +102,7 @@ def test_growth(more_configuration):
         tell(f"{len(names)} marlus: {rate:.0f} a second; processors: HAProxy {of_balancer:.2f}, marlus together {of_marlus:.2f}")
         rates.append(rate)
     check(rates[0] < rates[1] < rates[2], "the rate grows with the marlus", rates)
-    tell(f"the limit is HAProxy: a processor that it has to itself is full at {rate / of_balancer:.0f} a second")
+    tell(f"the limit is HAProxy: by its share, {rate / of_balancer:.0f} a second would fill a processor")
     _, rate = load(visitors, "from the cache", f"https://{ADDRESS}/style.css", "--duration=8", "--clients=8",
                    "--max-concurrent-streams=100")
     tell(f"from the balancer's cache: {rate:.0f} a second")
