@@ -170,17 +170,6 @@ class Https(unittest.TestCase):
             os.rename(f"{daemon.site}/new", f"{daemon.site}/{name}")
             self.assertEqual(daemon.answer(f"GET /link/{name} "), ok("application/octet-stream", served), name + text)
 
-    def test_ends_in_the_middle_of_an_answer(self):
-        for is_read in (False, True, False, True, False, True):
-            with TlsDaemon() as daemon, futures.ThreadPoolExecutor() as reader:
-                os.truncate(f"{daemon.site}/index.html", 1 << 30)  # more than is read in time
-                client = daemon.ask("GET / ")
-                client.recv(1)
-                if is_read:
-                    reader.submit(receive_all, client)
-                self.assertEqual(daemon.end(), 0)
-                self.assertTrue(daemon.messages().endswith("PATH = /index.html\n\n\n" + SHUTDOWN_LINE))
-
 
 class Servers(unittest.TestCase):
     def test_that_cannot_be_set_up_end_the_daemon(self):

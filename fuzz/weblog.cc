@@ -1,0 +1,35 @@
+// A log, which is mostly what clients wrote, on its way into lines. Its first bytes say how it is cut.
+#include <algorithm>
+
+#include "input.h"
+#include "weblog/log_reader.h"
+
+namespace {
+
+std::string lines_of(std::string_view log, std::size_t piece) {
+    LogReader reader;
+    std::string lines;
+    for (; log.size() > piece; log.remove_prefix(piece)) reader.read(log.substr(0, piece), lines);
+    reader.read(log, lines);
+    reader.finish(lines);
+    return lines;
+}
+
+void require_one_clean_line(std::string_view line) {
+    require(line.size() <= 4095 && std::count(line.begin(), line.end(), '"') == 6 && line.ends_with('"'));
+    require(std::all_of(line.begin(), line.end(), [](char byte) { return byte >= ' ' && byte <= '~'; }));
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    if (size == 0) return 0;
+    const std::string_view log(reinterpret_cast<const char*>(data + 1), size - 1);
+    const std::string lines = lines_of(log, log.size() + 1);
+    require(lines_of(log, data[0] + 1U) == lines);
+    for (std::string_view rest = lines; !rest.empty(); rest.remove_prefix(rest.find('\n') + 1)) {
+        require(rest.find('\n') != rest.npos);
+        require_one_clean_line(rest.substr(0, rest.find('\n')));
+    }
+    return 0;
+}
