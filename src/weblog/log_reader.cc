@@ -25,7 +25,7 @@ constexpr std::size_t longest_address = 15;
 constexpr std::size_t longest_request = 4096;  // what the daemon reads of one
 constexpr std::size_t longest_entry = longest_head + longest_address + longest_request + 3;
 constexpr std::size_t longest_rest = 1 << 16;
-// Where the text of a request has surely ended, and those of the requests that other threads logged in the middle of it.
+// The text of a request has surely ended by then, and so has that of others which were logged in the middle of it.
 constexpr std::size_t longest_text = 16 * longest_entry;
 constexpr std::uint64_t patience = 1 << 20;  // bytes of the log, within which all entries of a request lie
 constexpr std::size_t most_threads = 128;    // more than the daemon has
@@ -81,7 +81,7 @@ std::string_view header_value(std::string_view line, std::string_view lower_case
     return line.substr(std::min(line.find_first_not_of(" \t"), line.size()));
 }
 
-// Appends text in quotes, cut to length. Intended: quotes and backslashes become hexadecimal, too, so that a reader that
+// Appends text in quotes, cut to length. Intended: quotes and backslashes become hexadecimal too, so that a reader which
 // looks for the next quote is right.
 void append_quoted(std::string& line, std::string_view text, std::size_t length) {
     constexpr char digits[] = "0123456789ABCDEF";

@@ -11,15 +11,14 @@
 
 // Turns one log of the daemon, of either server, into lines of the Combined Log Format: one for each request, in the
 // order of the log. What a client sent can neither end a line nor leave its quotes, and no line is longer than 4095
-// bytes. Takes constant memory.
+// bytes. Takes constant memory. To be used by one thread.
 //
 // A client can write lines into its request that look like entries, but it cannot know the numbers of the daemon's
 // threads. So a number that is new counts only once it is seen where no request can have put it. What it logged before
 // waits for that, and is dropped if it does not happen.
 class LogReader {
   public:
-    // Status and size of a file that was sent are 200 and "-", or those of the file as it is now in website_path, which is
-    // canonical.
+    // A file that was sent has status 200 and size "-", or, with a canonical website_path, those of the file as it is now.
     explicit LogReader(std::string website_path = "") : site(std::move(website_path)) {}
 
     // Takes the log's next bytes, cut anywhere, and appends to lines what has become certain.
