@@ -38,7 +38,6 @@ void take_settings(std::string_view text) {
     if (!stays_here(settings)) return;
     read_server_settings(settings, "");
     require(config.start_http || config.start_https);
-    require(!config.start_https || !config.cipher_list.empty());
     require(!config.start_https || config.use_pem_file == config.crt_file.empty());
 }
 

@@ -9,26 +9,44 @@
 #include "http/request.h"
 #include "http/site_path.h"
 #include "input.h"
+#include "public/public_handler.h"
 
 namespace {
 
-// A plain-HTTP connection, from the bytes that a client sends to those that it gets.
+// A connection on which the client has sent its request and will send no more. The site's files fit into its buffers.
+struct Sockets {
+    explicit Sockets(std::string_view request) {
+        int pair[2];
+        require(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, pair) == 0);
+        client = pair[0];
+        server = pair[1];
+        require(write(client, request.data(), request.size()) == static_cast<ssize_t>(request.size()));
+        shutdown(client, SHUT_WR);
+    }
+    ~Sockets() { close(client); }
+
+    int client;
+    int server;  // the handler's
+};
+
 void take_over_http(std::string_view request) {
-    int sockets[2];
-    require(socketpair(AF_UNIX, SOCK_STREAM, 0, sockets) == 0);
-    require(write(sockets[0], request.data(), request.size()) == static_cast<ssize_t>(request.size()));
-    shutdown(sockets[0], SHUT_WR);
+    const Sockets sockets(request);
     try {
-        handle_http_client({sockets[1], "127.0.0.1", "1"});  // the site's files fit into the buffer of a socket
+        handle_http_client({sockets.server, "127.0.0.1", "1"});
     } catch (const std::out_of_range&) {
         // Intended: "GET" and no more ends the daemon.
         const RequestLine line = split_request_line(request);
         require(line.method == "GET" && line.target.empty());
-        close(sockets[1]);
+        close(sockets.server);
     } catch (const std::filesystem::filesystem_error&) {
-        close(sockets[1]);  // Intended: a name that is too long ends the daemon.
+        close(sockets.server);  // Intended: a name that is too long ends the daemon.
     }
-    close(sockets[0]);
+}
+
+// On a public site no request ends the daemon or keeps a worker waiting.
+void take_as_public(std::string_view request) {
+    const Sockets sockets(request);
+    handle_public_http({sockets.server, "127.0.0.1", "1"});
 }
 
 // What the HTTPS server makes of the text, up to the name of the file and the query.
@@ -61,5 +79,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const std::string_view text(reinterpret_cast<const char*>(data), size);
     take_over_http(text.substr(0, 4096));  // what one read takes
     take_over_https(text.substr(0, 4095));
+    take_as_public(text);
     return 0;
 }

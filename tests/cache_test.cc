@@ -4,7 +4,6 @@
 #include <filesystem>
 #include <fstream>
 #include <system_error>
-#include <thread>
 #include <vector>
 
 #include "http/file_cache.h"
@@ -40,8 +39,6 @@ std::string text(FileCache& cache, const std::string& name) {
         return error.what();
     }
 }
-
-const std::string lock_error = std::system_error(EDEADLK, std::generic_category()).what();
 
 }  // namespace
 
@@ -79,27 +76,10 @@ TEST(cache, fails_when_room_is_to_be_made_in_the_slot_that_is_filled) {
     static FileCache cache;
     const std::string a = file_in(5, "a", half), b = file_in(6, "b", half), other = file_in(5, "other");
     MappedFile *const first = get(cache, a), *const second = get(cache, b);
+    const std::string lock_error = std::system_error(EDEADLK, std::generic_category()).what();
     EXPECT_EQ(text(cache, other), lock_error);
     EXPECT_TRUE(get(cache, b) == second && get(cache, a) == first) << "the least recently used one is met first";
     EXPECT_EQ(text(cache, other), lock_error);
     EXPECT_EQ(get(cache, a), first);
     EXPECT_NE(get(cache, b), second) << "now it was dropped on the way, and no lock was left behind";
-}
-
-TEST(cache, gives_all_threads_the_same_files) {
-    static FileCache cache;
-    std::vector<MappedFile*> files[8];
-    std::vector<std::string> names;
-    for (std::size_t slot = 0; slot < cache_slot_count; ++slot) names.push_back(file_in(slot, "same"));
-    {
-        std::vector<std::jthread> threads;
-        for (auto& own : files) {
-            threads.emplace_back([&] {
-                for (int round = 0; round < 100; ++round)
-                    for (const std::string& name : names) own.push_back(cache.get(name));
-            });
-        }
-    }
-    for (const auto& own : files) EXPECT_EQ(own, files[0]);
-    for (const MappedFile* const file : files[0]) EXPECT_EQ(file->use_count, 8 * 100);
 }

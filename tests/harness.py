@@ -193,7 +193,6 @@ class Daemon:
         self.pid_file = f"{self.directory}/run/marluserver.pid"
         self.config_file = f"{self.directory}/marlu/marluserver.cfg"
         self.status = None
-        self.was_awaited = False
         write(f"{self.site}/index.html", "hello")
         write(self.config_file, f"website_path={self.site}\nstart_http=y\nport={self.port}\nuse_log=y\n"
               f"log_file={self.directory}/http.log\nport_https={self.https_port}\n"
@@ -212,7 +211,7 @@ class Daemon:
         return self
 
     def __exit__(self, *_):
-        if not self.was_awaited and self.end() != 0:
+        if self.status is None and self.end() != 0:
             raise AssertionError(f"ended with status {self.status}")
         if os.path.exists(self.pid_file):
             raise AssertionError("the pid file was left")
@@ -293,7 +292,6 @@ class Daemon:
     # Waits for the end and returns the status.
     def wait(self):
         wait_until(self.has_ended)
-        self.was_awaited = True
         return self.status
 
     # Ends the daemon with a signal, in the time that is promised, and returns the status.
@@ -306,12 +304,8 @@ class Daemon:
         return self.status
 
 
-def run_test(name, options):
-    enter_namespaces()
-    module = importlib.import_module(name)
-    result = unittest.main(module, argv=[name, *options], warnings="ignore", exit=False).result
-    sys.exit(0 if result.wasSuccessful() and result.testsRun > 0 else 1)
-
-
 if __name__ == "__main__":
-    run_test(sys.argv[2], sys.argv[3:])
+    enter_namespaces()
+    tests = importlib.import_module(sys.argv[2])
+    result = unittest.main(tests, argv=sys.argv[2:], warnings="ignore", exit=False).result
+    sys.exit(0 if result.wasSuccessful() and result.testsRun > 0 else 1)

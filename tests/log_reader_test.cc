@@ -113,23 +113,3 @@ TEST(log_reader, has_lines_that_an_analyser_can_read) {
     const std::string headers = '"' + masked(250) + "\" \"" + masked(250) + '"';
     EXPECT_EQ(lines_of(log), line("GET " + masked(499), "200 -", headers) + line_of("/next"));
 }
-
-TEST(log_reader, waits_for_what_may_still_come) {
-    LogReader reader;
-    std::string lines;
-    const auto after = [&](const std::string& bytes, int ticks) {
-        reader.read(bytes, lines);
-        for (; ticks > 0; --ticks) reader.tick(lines);
-        return std::exchange(lines, "");
-    };
-    const std::string last = request(2, "PATH = /b\n");
-    EXPECT_EQ(after(sent(2, "/a"), 1), "") << "it may be refused";
-    EXPECT_EQ(after("", 1), line_of("/a"));
-    EXPECT_EQ(after(request(2, "GET /b HTTP/1.1") + last.substr(0, 40), 0), "");
-    EXPECT_EQ(after(last.substr(40) + request(2, forbidden), 2), line("GET /b HTTP/1.1", "403 0"));
-    EXPECT_EQ(after(sent(2, "/c") + sent(3, "/d"), 0), "");
-    std::string many, many_lines = line_of("/c");
-    while (many.size() < 2 << 20) many += sent(3, "/d");
-    EXPECT_TRUE(after(many, 0).starts_with(line_of("/c") + line_of("/d")))
-        << "a slow client's request is written at last";
-}

@@ -48,12 +48,7 @@ class Http(unittest.TestCase):
             self.assertTrue(daemon.answer(request) == answer, request)
         # That a request for a missing file, which gets no answer, was there in time, only the log can tell.
         expected += logged("GET /none", "/none", "")
-
-        def is_logged():
-            self.assertEqual(receive_all(daemon.send("GET /none")), "")
-            return daemon.messages().startswith(expected)
-
-        wait_until(is_logged)
+        wait_until(lambda: receive_all(daemon.send("GET /none")) or daemon.messages().startswith(expected))
         self.assertEqual(daemon.end(), 0)
         self.assertTrue(daemon.messages().endswith("PATH = /none\n\n\n" + SHUTDOWN_LINE))
         self.assertEqual(daemon.log("https.log"), "", "its server was not to be started")
@@ -63,6 +58,12 @@ class Http(unittest.TestCase):
                  for text in re.findall(r"\[(.*)\] \(\d*\) \[", daemon.log())]
         times = [begin, *times, time.time()]
         self.assertEqual(times, sorted(times))
+
+    def test_refuses_everything_where_the_website_path_is_not_canonical(self):
+        os.symlink(ROOT, f"{WORK}/link")
+        for path in (f"{WORK}/link/site", f"{ROOT}/./site"):
+            with Daemon(f"website_path={path}\n") as daemon:
+                self.assertEqual(daemon.answer("GET /"), FORBIDDEN, path)
 
     def test_serves_or_closes_many_connections_at_once(self):
         daemon = self.enterContext(Daemon())

@@ -1,4 +1,4 @@
-// The plain RSA calls are deprecated in OpenSSL 3 and do just what is needed here.
+// OpenSSL 3 deprecates the plain RSA calls, but they are the simplest here.
 #define OPENSSL_SUPPRESS_DEPRECATED
 #include "banner/banner.h"
 
@@ -36,7 +36,7 @@ std::string base64_decode(std::string_view text) {
     BIO_set_flags(chain, BIO_FLAGS_BASE64_NO_NL);
     const int count = BIO_read(chain, buffer.data(), static_cast<int>(text.size()));
     BIO_free_all(chain);
-    // Intended: a negative count is too long for a string, which then throws.
+    // Intended: a negative count becomes a size for which string throws.
     return std::string(buffer.data(), static_cast<std::size_t>(count));
 }
 

@@ -25,7 +25,9 @@ namespace {
 
 namespace fs = std::filesystem;
 
-const std::vector<std::string> yes_no_keys = {"use_log", "use_log_http", "use_log_https", "start_http", "start_https"};
+const std::vector<std::string> yes_no_keys = {
+    "use_log", "use_log_http", "use_log_https", "public_site", "start_http", "start_https",
+};
 const std::vector<std::string> other_keys = {
     "log_file",   "log_file_http", "log_file_https", "website_path", "pem_file",   "crt_file",     "key_file",
     "chain_file", "cipher_list",   "port",           "port_http",    "port_https", "cache_ignore",
@@ -87,46 +89,64 @@ void check_port(const std::string& key, std::int32_t port) {
     }
 }
 
-// Everything is answered with 403 unless the path is written as the system itself would write it.
-bool check_website_path() {
+// Returns false after a warning that leaves no website to look at.
+bool check_directory() {
     const std::string& path = server_config.website_path;
-    if (path.empty()) {
+    if (path.empty() || path == "/") {
         warn("[website_path] is the root directory: every file of this machine is served");
         return false;
     }
     std::error_code error;
-    const std::string canonical = fs::canonical(path, error).string();
-    if (error || !fs::is_directory(canonical)) {
-        warn("[website_path] is no directory: " + path);
-        return false;
-    }
-    if (canonical != path) {
-        warn("[website_path] is not canonical, every request will be answered 403: write " + canonical);
-        return false;
-    }
+    if (fs::is_directory(path, error)) return true;
+    warn("[website_path] is no directory: " + path);
+    return false;
+}
+
+// Each of these three returns true after a warning. None of them concerns a public site.
+
+// Unless the path is canonical, every request is answered 403.
+bool warn_of_path() {
+    std::error_code error;
+    const std::string canonical = fs::canonical(server_config.website_path, error).string();
+    if (canonical == server_config.website_path) return false;
+    warn("[website_path] is not canonical, every request will be answered 403: write " + canonical);
     return true;
 }
 
-void check_neighbours() {
+bool warn_of_neighbours() {
+    bool has_warned = false;
     const fs::path website(server_config.website_path);
     std::error_code error;
     for (const fs::directory_entry& entry : fs::directory_iterator(website.parent_path(), error)) {
         if (entry.path() != website && entry.path().string().starts_with(website.string())) {
             warn("[website_path] " + entry.path().string() + " begins with it and is served too (as /../" +
                  entry.path().filename().string() + "); over HTTPS it shares the cache slots of the website");
+            has_warned = true;
         }
     }
+    return has_warned;
 }
 
-void check_cache_slots() {
+bool warn_of_cache_slots() {
     std::vector<SiteFile> cached = find_site_files(server_config.website_path).files;
     std::erase_if(cached,
                   [](const SiteFile& file) { return server_config.cache_ignore_paths.contains(file.canonical_name); });
     const std::vector<SiteFile> missing = files_to_ignore(cached);
-    if (missing.empty()) return;
+    if (missing.empty()) return false;
     warn("[cache_ignore] " + std::to_string(missing.size()) +
          " files share a cache slot with another file and can be answered with its bytes over HTTPS, for instance " +
          missing.front().entry + ": make the list with marlu-check list " + server_config.website_path);
+    return true;
+}
+
+void check_website() {
+    if (!check_directory() || server_config.public_site) return;
+    bool has_cure = warn_of_path();
+    if (!has_cure) {
+        has_cure = warn_of_neighbours();
+        if (server_config.start_https && warn_of_cache_slots()) has_cure = true;
+    }
+    if (has_cure) warn("public_site=yes would cure what these warnings say of [website_path] and [cache_ignore]");
 }
 
 std::string server_summary(std::int32_t port, bool log_enabled, const std::string& log_file) {
@@ -135,7 +155,8 @@ std::string server_summary(std::int32_t port, bool log_enabled, const std::strin
 
 void print_summary(const std::string& certificate) {
     const ServerConfig& config = server_config;
-    std::cout << "OK\nwebsite      " << config.website_path << '\n';
+    std::cout << "OK\nwebsite      " << config.website_path << '\n'
+              << "served       " << (config.public_site ? "as a public site" : "as by default") << '\n';
     if (config.start_http) {
         std::cout << "HTTP         " << server_summary(config.port_http, config.http_log_enabled, config.http_log_file)
                   << '\n';
@@ -143,8 +164,8 @@ void print_summary(const std::string& certificate) {
     if (config.start_https) {
         std::cout << "HTTPS        "
                   << server_summary(config.port_https, config.https_log_enabled, config.https_log_file) << '\n'
-                  << "certificate  " << certificate << '\n'
-                  << "not cached   " << config.cache_ignore_paths.size() << " files\n";
+                  << "certificate  " << certificate << '\n';
+        if (!config.public_site) std::cout << "not cached   " << config.cache_ignore_paths.size() << " files\n";
     }
     std::cout << std::flush;
 }
@@ -179,9 +200,6 @@ void check_config(const std::string& path) {
         }
         certificate = check_tls();
     }
-    if (check_website_path()) {
-        check_neighbours();
-        if (config.start_https) check_cache_slots();
-    }
+    check_website();
     print_summary(certificate);
 }

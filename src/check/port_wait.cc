@@ -56,5 +56,5 @@ void wait_for_port(std::int32_t port, bool reuse, std::chrono::steady_clock::tim
 void wait_for_ports() {
     const auto deadline = std::chrono::steady_clock::now() + longest_wait;
     if (server_config.start_http) wait_for_port(server_config.port_http, true, deadline);
-    if (server_config.start_https) wait_for_port(server_config.port_https, false, deadline);
+    if (server_config.start_https) wait_for_port(server_config.port_https, server_config.public_site, deadline);
 }

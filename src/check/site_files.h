@@ -21,6 +21,6 @@ struct Site {
 // Searches website_path, which must be canonical, and the directories that links in it lead to.
 Site find_site_files(const std::string& website_path);
 
-// Returns the files that a cache-ignore list must hold so that every file is served with its own bytes: in each slot all
-// but the largest, and of these the largest ones until the rest fits into the cache. Sorted by entry.
+// Returns the files that a cache-ignore list must hold so that every file is served with its own bytes: in each slot
+// all but the largest, and of these the largest ones until the rest fits into the cache. Sorted by entry.
 std::vector<SiteFile> files_to_ignore(const std::vector<SiteFile>& files);

@@ -21,7 +21,7 @@ File open_file(const std::string& path) {
     return {BIO_new_file(path.c_str(), "r"), BIO_free};
 }
 
-// Null when the file holds none.
+// Null when the file holds no certificate.
 Certificate read_certificate() {
     const File file = open_file(server_config.use_pem_file ? server_config.pem_file : server_config.crt_file);
     return {file ? PEM_read_bio_X509(file.get(), nullptr, nullptr, nullptr) : nullptr, X509_free};

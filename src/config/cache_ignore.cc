@@ -37,7 +37,7 @@ void load_cache_ignore(const std::string& list_file, const std::string& context)
     std::string line;
     while (std::getline(file, line)) {
         const std::string text = trim(line);
-        if (!text.empty()) add_entry(trim_slashes(text), context);  // slashes alone name the website directory itself
+        if (!text.empty()) add_entry(trim_slashes(text), context);  // slashes alone mean the website directory itself
     }
 }
 

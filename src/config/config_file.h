@@ -6,8 +6,8 @@
 // Keys in lower case, and their values. The loader's own; not shared between threads.
 using Settings = std::map<std::string, std::string>;
 
-// Reads the key=value lines of the file at path; of a key given twice the later line counts. Throws std::runtime_error
-// when it cannot be opened or has a line that is neither empty, nor a comment, nor key=value.
+// Reads the key=value lines of the file at path. If a key occurs twice, the later line counts. Throws
+// std::runtime_error when the file cannot be opened, or a line is neither empty, nor a comment, nor key=value.
 Settings read_config_file(const std::string& path);
 
 // Returns the value of key, owned by settings, or null when the key is absent.
@@ -16,8 +16,8 @@ const std::string* find_value(const Settings& settings, const std::string& key);
 // Returns text without white space at either end.
 std::string trim(const std::string& text);
 
-// True when text is one decimal digit or more and nothing else.
+// True when text consists of one or more decimal digits.
 bool is_number(const std::string& text);
 
-// True when path is a regular file, or a link to one. False also when that cannot be found out.
+// True when path is a regular file, or a link to one. False also when path cannot be examined.
 bool file_exists(const std::string& path);

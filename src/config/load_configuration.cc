@@ -42,6 +42,13 @@ void open_logs() {
     if (server_config.https_log_enabled) https_logger = new Logger(server_config.https_log_file, log_debug);
 }
 
+// So that a website_path over links, or with "." or "..", is what it leads to.
+void make_website_path_canonical() {
+    std::string& path = server_config.website_path;
+    path = std::filesystem::weakly_canonical(path.empty() ? "/" : path).string();
+    while (path.size() > 1 && path.back() == '/') path.pop_back();
+}
+
 void read_site(const Settings& settings) {
     const std::string* const path = find_value(settings, "website_path");
     if (path == nullptr) {
@@ -50,6 +57,8 @@ void read_site(const Settings& settings) {
     if (path->empty()) throw std::runtime_error("Unable to open configuration file: [website_path] is empty");
     server_config.website_path = *path;
     if (path->back() == '/' || path->back() == '\\') server_config.website_path.pop_back();
+    server_config.public_site = is_yes(settings, "public_site");
+    if (server_config.public_site) make_website_path_canonical();
 
     server_config.start_http = is_yes(settings, "start_http");
     server_config.start_https = is_yes(settings, "start_https");

@@ -6,9 +6,9 @@
 
 // Reads the configuration file into server_config and opens the logs. Returns true when the servers may start. On the
 // first error it writes the reason to standard error, and to the open logs of the servers that are known to start by
-// then, and returns false; values set before the error stay. Throws std::runtime_error when the program's directory cannot
-// be found. To be called once, on the main thread, before any server thread exists, with signals admitted; returns with
-// signals held.
+// then, and returns false; values set before the error stay. Throws std::runtime_error when the program's directory
+// cannot be found. To be called once, on the main thread, before any server thread exists, with signals admitted;
+// returns with signals held.
 bool load_configuration();
 
 // Returns the directory of the running program, or "" when it cannot be found out.

@@ -9,5 +9,5 @@ struct PemContents {
     bool has_certificate = false;
 };
 
-// Looks through the PEM file at path. Callable from any thread; leaves what it could not read in OpenSSL's error queue.
+// Looks through the PEM file at path. Callable from any thread; leaves its errors in OpenSSL's error queue.
 PemContents inspect_pem(const std::string& path);

@@ -8,12 +8,13 @@
 // exists; afterwards every thread reads them without a lock.
 struct ServerConfig {
     std::string starting_directory;  // where the program lies
-    std::string config_path;         // the loader fills in the default when it is empty
+    std::string config_path;         // empty until the loader fills in the default
     bool http_log_enabled = false;
     std::string http_log_file;
     bool https_log_enabled = false;
     std::string https_log_file;
     std::string website_path;  // as written in the file, less one trailing "/" or backslash
+    bool public_site = false;  // how the site is served: see public/public_handler.h; website_path is then canonical
     bool start_http = false;
     bool start_https = false;
     bool use_pem_file = false;  // pem_file is used, not crt_file and key_file

@@ -16,7 +16,7 @@ namespace {
     std::exit(1);
 }
 
-// Goes on in the child alone.
+// Returns in the child; the parent exits.
 void fork_away(const char* failure) {
     const pid_t pid = fork();
     if (pid < 0) fail(failure);

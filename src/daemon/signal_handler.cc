@@ -41,15 +41,15 @@ void remove_pid_file() {
     if (!is_removed.test_and_set()) unlink(pid_file_path);
 }
 
-// For an end that cannot go its way: leaves out everything but the log and the pid file.
+// For an end that hangs or faults: does nothing but finish the log and remove the pid file.
 [[noreturn]] void end_at_once() {
     wait_for_log_writers(writing_time);
     remove_pid_file();
     _exit(ending_status);
 }
 
-// Returns in the first thread that is to end the process. A later one stays here until the process is gone: if the
-// handler returned, its fault would strike again.
+// Returns in the first thread that calls it, which then ends the process. Any other thread waits here until the process
+// is gone: if its handler returned, its fault would strike again.
 void claim_ending(std::int32_t status) {
     hold_signals();
     pid_t claimant = 0;

@@ -10,6 +10,6 @@ extern const std::map<std::int32_t, std::string> signal_names;
 // Ends the daemon, with status 0 for SIGINT, SIGQUIT and SIGTERM and 1 for SIGFPE, SIGSEGV, SIGBUS and SIGABRT; reaps
 // children for SIGCHLD; returns at once for any other signal.
 //
-// The first signal that ends the daemon decides on the status; a later one changes nothing. Runs on any thread, with the
-// precaution that log/signal_hold.h describes.
+// The first signal that ends the daemon decides the status; a later one changes nothing. Runs on any thread;
+// log/signal_hold.h tells how it avoids one that holds a log's lock.
 void signal_handler(std::int32_t number);

@@ -30,11 +30,11 @@ void end_daemon() {
 
 void run_servers() {
     for (const auto& [number, name] : signal_names) std::signal(number, signal_handler);
-    std::signal(SIGPIPE, SIG_IGN);  // after the loop: a write to a closed connection is to fail, not to signal
+    std::signal(SIGPIPE, SIG_IGN);  // after the loop: a write to a closed connection must fail, not signal
 
-    // Until the logs are open, so that a pipe that keeps the loader waiting does not keep a stop waiting, too.
+    // Until the logs are open: a stop must not wait for a loader that waits for a pipe.
     admit_signals();
-    if (!load_configuration()) end_daemon();  // Intended: no return. Should raising come back, the daemon goes on.
+    if (!load_configuration()) end_daemon();  // Intended: no return. If raise came back, the daemon would go on.
 
     const std::function<void()> http_server = start_server_http;
     const std::function<void()> https_server = start_server_https;

@@ -81,7 +81,7 @@ MappedFile* FileCache::use(Slot& slot, std::uint64_t hash, const std::string& na
     return file;
 }
 
-// To be called with the slot lock held for the file that needs room.
+// Makes room for a file. The caller holds the lock of that file's slot.
 void FileCache::evict(std::uint64_t bytes_needed) {
     const std::lock_guard index_guard(index_lock);
     while (!recency.empty() && capacity < total + bytes_needed) {

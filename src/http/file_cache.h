@@ -10,12 +10,12 @@
 #include <string>
 #include <unordered_map>
 
-// A file in memory, read-only, for as long as the object lives. What is cut off the file meanwhile cannot be read any
-// more: touching it raises SIGBUS.
+// A file mapped into memory, read-only, for as long as the object lives. Reading a part that was cut off the file
+// meanwhile raises SIGBUS.
 class MappedFile {
   public:
-    // Maps the whole file. Throws std::runtime_error: "Cannot open file", or "Mapping failed", which also an empty file
-    // and a directory give.
+    // Maps the whole file. Throws std::runtime_error: "Cannot open file", or "Mapping failed", also for an empty file
+    // or a directory.
     explicit MappedFile(const std::string& name);
     ~MappedFile();
     MappedFile(const MappedFile&) = delete;
@@ -31,12 +31,12 @@ inline constexpr std::size_t cache_slot_count = 64;
 // FNV-1a over the bytes of name, each sign-extended to 64 bits first. Intended: bytes from 0x80 differ from the usual.
 std::uint64_t cache_hash(const std::string& name);
 
-// The slot that the file called name shares with every other file of the same slot.
+// The number of the slot for the file called name.
 std::size_t cache_slot(const std::string& name);
 
 // Files that were served, kept mapped under their canonical names. Intended: a slot holds one file until that file is
-// dropped to make room. Meanwhile every other file of the slot is answered with its bytes; a cache-ignore list keeps such
-// files out of the cache.
+// dropped to make room. Meanwhile every other file of the slot is answered with its bytes; a cache-ignore list keeps
+// such files out of the cache.
 //
 // What always holds:
 // - A slot is installed by a compare-and-swap from null and emptied by an exchange, both under its slot lock. These two
@@ -57,9 +57,9 @@ class FileCache {
     FileCache(const FileCache&) = delete;
     FileCache& operator=(const FileCache&) = delete;
 
-    // Returns the mapping in name's slot after mapping name there if the slot was empty. The cache owns the mapping; the
-    // caller reads it and never releases it. Callable from any thread below the budget, above it from one at a time.
-    // Throws what MappedFile throws, for a missing or empty file also when another file has the slot, and
+    // Returns the mapping in name's slot after mapping name there if the slot was empty. The cache owns the mapping;
+    // the caller reads it and never releases it. Callable from any thread below the budget, above it from one at a
+    // time. Throws what MappedFile throws, for a missing or empty file also when another file has the slot, and
     // std::system_error (EDEADLK) when it would have to drop the file in the slot that it is filling.
     MappedFile* get(const std::string& name);
 

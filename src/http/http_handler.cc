@@ -29,13 +29,14 @@ constexpr std::size_t request_limit = 4096;
 constexpr std::size_t small_file = 128 << 10;
 constexpr std::chrono::milliseconds send_pause{10};
 
-// A file's content in memory that is not initialised beyond it.
+// A file's content. The memory beyond size is uninitialised.
 struct Body {
     std::unique_ptr<char[]> bytes;
     std::size_t size;
 };
 
-// Room for the whole file and one byte more, which shows its end, as far as its size is known; at least twice least.
+// How much room to make: one byte more than the file's size, so that the last read finds the end, and at least twice
+// least.
 std::size_t room_for(int file, std::size_t least) {
     struct stat status;
     const bool is_known = fstat(file, &status) == 0;
@@ -44,7 +45,7 @@ std::size_t room_for(int file, std::size_t least) {
 
 // Reads every byte until the file ends or fails; none from a directory.
 Body read_whole(int file) {
-    std::size_t room = small_file;  // such a file is read at once, without asking for its size
+    std::size_t room = small_file;  // up to here a file is read without asking for its size
     Body body{std::make_unique_for_overwrite<char[]>(room), 0};
     for (;;) {
         const ssize_t count = read(file, body.bytes.get() + body.size, room - body.size);
@@ -58,8 +59,8 @@ Body read_whole(int file) {
     }
 }
 
-// Sends head and body, waiting for a slow client as long as it takes, until all is sent or the connection fails. Both go
-// into one call, so that a small answer leaves in one packet.
+// Sends head and body, waiting for a slow client as long as it takes, until all is sent or the connection fails. Both
+// go into one call, so that a small answer leaves in one packet.
 void send_answer(int client_socket, std::string_view head, std::string_view body) {
     while (!head.empty() || !body.empty()) {
         iovec parts[] = {{const_cast<char*>(head.data()), head.size()}, {const_cast<char*>(body.data()), body.size()}};

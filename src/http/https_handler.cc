@@ -27,17 +27,6 @@ constexpr int request_limit = 4095;
 
 RequestHistory& request_history = *new RequestHistory;  // never destroyed, see config/server_config.h
 
-std::string openssl_error_text() {
-    BIO* const bio = BIO_new(BIO_s_mem());
-    if (bio == nullptr) return "Failed to allocate BIO";
-    ERR_print_errors(bio);
-    char* text = nullptr;
-    const long length = BIO_get_mem_data(bio, &text);
-    const std::string copy(text, static_cast<std::size_t>(length));
-    BIO_free(bio);
-    return copy;
-}
-
 // Ends the connection on every way out of its handler.
 struct Closing {
     SSL* session;
@@ -113,8 +102,8 @@ class Connection {
         send_file(canonical_name, website_path + target.path);
     }
 
-    // Intended: the cache and its ignore list know a file by canonical_name; the content type follows direct_name, under
-    // which a listed file is also opened.
+    // Intended: the cache and its ignore list know a file by canonical_name; the content type follows direct_name,
+    // under which a listed file is also opened.
     void send_file(const std::string& canonical_name, const std::string& direct_name) {
         std::unique_ptr<MappedFile> uncached;
         const MappedFile* file = nullptr;
@@ -142,6 +131,17 @@ class Connection {
 };
 
 }  // namespace
+
+std::string openssl_error_text() {
+    BIO* const bio = BIO_new(BIO_s_mem());
+    if (bio == nullptr) return "Failed to allocate BIO";
+    ERR_print_errors(bio);
+    char* text = nullptr;
+    const long length = BIO_get_mem_data(bio, &text);
+    const std::string copy(text, static_cast<std::size_t>(length));
+    BIO_free(bio);
+    return copy;
+}
 
 void handle_https_client(SSL* session, int client_socket, const std::string& client_address) {
     const ActiveServer active;

@@ -11,8 +11,8 @@ struct RequestLine {
     std::string target;
 };
 
-// Takes the first two words of a plain-HTTP request, with any white space around them. Intended: over plain HTTP a query
-// belongs to the target.
+// Takes the first two words of a plain-HTTP request, with any white space around them. Intended: over plain HTTP a
+// query belongs to the target.
 RequestLine split_request_line(std::string_view text);
 
 // The target of an HTTPS request, divided at its first "?".
@@ -21,11 +21,12 @@ struct TargetParts {
     std::optional<std::string> query;
 };
 
-// Divides the target of request_text, which must begin with "GET /": the text between its first two blanks, or all after
-// the first one. Intended: over HTTPS only the second blank ends the target, a line end does not.
+// Divides the target of request_text, which must begin with "GET /": the text between its first two blanks, or all
+// after the first one. Intended: over HTTPS only the second blank ends the target, a line end does not.
 TargetParts split_target(const std::string& request_text);
 
-// Returns the keys and values of a query, undecoded. The later of two equal keys counts; a part without "=" is left out.
+// Returns the keys and values of a query, undecoded. The later of two equal keys counts; a part without "=" is left
+// out.
 std::unordered_map<std::string, std::string> parse_query(const std::string& query_text);
 
 // Returns "/index.html" for "/", any other target unchanged.

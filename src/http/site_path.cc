@@ -13,19 +13,24 @@
 
 namespace {
 
-// True when path is already canonical as written, unless a link is on the way: absolute, no empty part, none that begins
-// with a dot, no NUL.
+// True when path is already canonical as written, unless a link is on the way: absolute, no empty part, none that
+// begins with a dot, no NUL.
 bool is_plain(std::string_view path) {
     return path.starts_with('/') && !path.ends_with('/') && path.find("//") == path.npos &&
            path.find("/.") == path.npos && path.find('\0') == path.npos;
 }
 
 // Opens name if no link is on the way, in one system call that checks and opens. Returns a descriptor or -1.
-int open_without_links(const std::string& name) {
+int open_without_links(const std::string& name, unsigned flags) {
     open_how how{};
-    how.flags = O_RDONLY;
+    how.flags = O_RDONLY | flags;
     how.resolve = RESOLVE_NO_SYMLINKS;
     return static_cast<int>(syscall(SYS_openat2, AT_FDCWD, name.c_str(), &how, sizeof how));
+}
+
+// True when name, which begins with website_path, is that of website_path or of something in it.
+bool is_inside(const std::string& website_path, const std::string& name) {
+    return website_path == "/" || name.size() == website_path.size() || name[website_path.size()] == '/';
 }
 
 }  // namespace
@@ -40,13 +45,27 @@ bool is_path_allowed(const std::string& website_path, const std::string& relativ
 
 OpenedFile open_site_file(const std::string& relative_path) {
     const std::string& website_path = server_config.website_path;
-    // The short way for most requests. Not with an empty website_path: names are then relative to the working directory.
+    // The short way for most requests. Not with an empty website_path: names are then relative to the working
+    // directory.
     std::string name = website_path + "/" + relative_path;
     if (!website_path.empty() && is_plain(name)) {
-        const int descriptor = open_without_links(name);
+        const int descriptor = open_without_links(name, 0);
         if (descriptor != -1) return {true, std::move(name), descriptor};
     }
     const bool is_allowed = is_path_allowed(website_path, relative_path, &name);
     const int descriptor = is_allowed ? open(name.c_str(), O_RDONLY) : -1;
+    return {is_allowed, std::move(name), descriptor};
+}
+
+OpenedFile open_public_file(const std::string& relative_path) {
+    const std::string& website_path = server_config.website_path;
+    std::string name = website_path + "/" + relative_path;
+    if (is_plain(name)) {
+        const int descriptor = open_without_links(name, O_NONBLOCK);
+        if (descriptor != -1) return {true, std::move(name), descriptor};
+    }
+    if (name.find('\0') != name.npos) return {true, std::move(name), -1};  // the system would see another name
+    const bool is_allowed = is_path_allowed(website_path, relative_path, &name) && is_inside(website_path, name);
+    const int descriptor = is_allowed ? open_without_links(name, O_NONBLOCK) : -1;
     return {is_allowed, std::move(name), descriptor};
 }

@@ -2,10 +2,10 @@
 
 #include <string>
 
-// The rule that keeps requests inside the website directory: true when the canonical name of the file that relative_path
-// names there begins with website_path. Sets *canonical_name to that name, allowed or not. Neither existence nor type of
-// the file is checked. Throws std::filesystem::filesystem_error when the name cannot be made canonical (a name too long,
-// links in a circle, a directory that cannot be searched). Callable from any thread.
+// The rule that keeps requests inside the website directory: true when the canonical name of the file that
+// relative_path names there begins with website_path. Sets *canonical_name to that name, allowed or not. Neither
+// existence nor type of the file is checked. Throws std::filesystem::filesystem_error when the name cannot be made
+// canonical (a name too long, links in a circle, a directory that cannot be searched). Callable from any thread.
 bool is_path_allowed(const std::string& website_path, const std::string& relative_path, std::string* canonical_name);
 
 struct OpenedFile {
@@ -14,6 +14,11 @@ struct OpenedFile {
     int descriptor;  // the caller's; -1 when the file is not allowed or cannot be opened
 };
 
-// Opens for reading what relative_path names in the configured website, if is_path_allowed. Throws what that throws.
-// Callable from any thread.
+// Opens the file that relative_path names in the configured website, for reading, if is_path_allowed allows it. Throws
+// what is_path_allowed throws. Callable from any thread.
 OpenedFile open_site_file(const std::string& relative_path);
+
+// The same for a public site, whose website_path is canonical: a file beside the website is not allowed, whatever its
+// name begins with; a named pipe does not keep the caller waiting; a link that is put in place after the check is not
+// followed.
+OpenedFile open_public_file(const std::string& relative_path);

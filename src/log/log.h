@@ -23,17 +23,16 @@ std::string thread_context();
 // Writes to http_logger when which is 0, otherwise to https_logger, if that log is on.
 void write_server_log(std::int32_t which, const std::string& message, const std::string& context);
 
-// Writes to the logs that target names, the HTTP log first, of those whose server is to be started.
+// Writes to the logs that target names, the HTTP log first. Leaves out the log of a server that is not to be started.
 void log_to_targets(LogTarget target, const std::string& message, const std::string& context);
 
 // Writes first + " " + second and a line end, so that an empty line follows the entry. second may come in parts, which
-// are put together only if a log takes them.
+// are joined only if a log takes them.
 void log_event(LogTarget target, const std::string& first, std::string_view second, const std::string& context);
 void log_event(LogTarget target, const std::string& first, std::initializer_list<std::string_view> second,
                const std::string& context);
 
-// Writes to both logs, as far as they are open and their server is to be started. For the configuration loader and the
-// signal handler.
+// log_to_targets for both logs. For the configuration loader and the signal handler.
 void log_shutdown_message(const std::string& message, const std::string& context);
 
 // Returns when the writers are done with everything logged so far, or after limit. Takes no lock: made for the signal

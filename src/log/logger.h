@@ -48,7 +48,7 @@ class Logger {
 
     std::ofstream file;
     std::thread writer;
-    std::mutex queue_mutex;  // guards the queue and the three flags; log looks at disabled without it
+    std::mutex queue_mutex;  // guards the queue and the three flags; log reads disabled without it
     std::condition_variable queue_cv;
     std::deque<LogEntry> queue;  // oldest first
     // Intended: nothing in the daemon sets these three; they are honoured all the same.

@@ -35,8 +35,8 @@ void take_config_option(char** arguments) {
     }
 }
 
-// Keeps the memory of large bodies for the next ones, in one place that the HTTP listener can free when it idles: with an
-// arena for each thread it could not.
+// The C library keeps the memory of large files for later requests, all of it in one arena: the HTTP listener, which
+// frees this memory when idle, could not free it in the arenas of other threads.
 void settle_memory() {
     mallopt(M_ARENA_MAX, 1);
     mallopt(M_MMAP_THRESHOLD, 16 << 20);
@@ -59,8 +59,8 @@ int stop() {
     if (!is_daemon_running()) return refuse("Daemon is not running");
     std::ifstream file(pid_file_path);
     pid_t pid = 0;
-    // A file that holds no process id is answered like any other, but nothing is signalled: 0 and negative numbers
-    // would reach whole groups of processes.
+    // A file without a process id is no error, but nothing is signalled: 0 and negative numbers would reach whole
+    // groups of processes.
     if (file >> pid && pid > 0) kill(pid, SIGTERM);
     return 0;
 }
@@ -68,7 +68,7 @@ int stop() {
 }  // namespace
 
 int main(int argument_count, char** arguments) {
-    // The daemon exits while its threads go on: OpenSSL is not to tear itself down under them.
+    // The daemon exits while its threads go on: OpenSSL must not tear itself down under them.
     OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr);
 
     // Intended: every way to the banner lowers the character exactly three times, here, below and with its command.

@@ -18,11 +18,14 @@
 
 #include "config/server_config.h"
 #include "http/client_task.h"
+#include "http/http_handler.h"
 #include "http/responses.h"
 #include "log/log.h"
 #include "net/rate_limiter.h"
 #include "net/run_state.h"
 #include "net/thread_pool.h"
+#include "public/listening.h"
+#include "public/public_handler.h"
 
 namespace {
 
@@ -55,6 +58,7 @@ int open_listening_socket(const std::string& context) {
     if (setsockopt(listening_socket, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) < 0) {
         return give_up(std::string("Error setsockopt: ") + std::strerror(errno));
     }
+    if (server_config.public_site) prepare_public_socket(listening_socket);
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_ANY);
@@ -92,7 +96,11 @@ void accept_connections(int listening_socket, const std::string& context, Thread
             idle_pauses = 0;
             admit_or_refuse(client_socket, peer, context, pool);
         } else if (errno == EAGAIN) {
-            std::this_thread::sleep_for(idle_pause);
+            if (server_config.public_site) {
+                wait_for_connection(listening_socket);
+            } else {
+                std::this_thread::sleep_for(idle_pause);
+            }
             if (++idle_pauses % pauses_between_trims == 0) malloc_trim(0);
         } else {
             // Intended: no pause before the next attempt.
@@ -106,7 +114,8 @@ void serve(const std::string& context) {
     const int listening_socket = open_listening_socket(context);
     if (listening_socket == -1) return;
 
-    ThreadPool pool(worker_count);
+    const bool is_public = server_config.public_site;
+    ThreadPool pool(is_public ? public_workers : worker_count, is_public ? handle_public_http : handle_http_client);
     log_to_targets(log_target_http, "Server started on port " + std::to_string(server_config.port_http), context);
     log_to_targets(log_target_http, "Serving files from: " + server_config.website_path, context);
     accept_connections(listening_socket, context, pool);

@@ -2,11 +2,9 @@
 
 #include <utility>
 
-#include "http/http_handler.h"
-
-// The object is complete once the delegated constructor is done, so its destructor joins the workers that run when a
-// later one cannot be started.
-ThreadPool::ThreadPool(std::size_t size) : ThreadPool() {
+// Once the delegated constructor is done, the destructor runs even if this constructor throws: when a worker cannot be
+// started, it joins those that run.
+ThreadPool::ThreadPool(std::size_t size, Handler connection_handler) : ThreadPool(connection_handler) {
     for (std::size_t count = 0; count < size; ++count) workers.emplace_back(&ThreadPool::work, this);
 }
 
@@ -37,6 +35,6 @@ void ThreadPool::work() {
         const ClientTask task = std::move(tasks.front());
         tasks.pop_front();
         lock.unlock();
-        handle_http_client(task);
+        handler(task);
     }
 }

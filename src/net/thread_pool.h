@@ -9,12 +9,15 @@
 
 #include "http/client_task.h"
 
-// Worker threads that serve plain-HTTP connections in the order in which they were queued. What leaves the handler as
-// an exception ends the process: a worker catches nothing.
+// Worker threads that serve connections in the order in which they were queued. An exception that leaves the handler
+// ends the process: a worker catches nothing.
 class ThreadPool {
   public:
-    // Starts size workers. Throws std::system_error when one cannot be started; those that run are joined first.
-    explicit ThreadPool(std::size_t size);
+    using Handler = void (*)(const ClientTask&);
+
+    // Starts size workers, which call handler for each connection. Throws std::system_error when one cannot be started;
+    // those that run are joined first.
+    ThreadPool(std::size_t size, Handler handler);
     // Returns when every queued connection has been served and the workers have ended. Nothing may be queued meanwhile.
     ~ThreadPool();
     ThreadPool(const ThreadPool&) = delete;
@@ -25,9 +28,10 @@ class ThreadPool {
     void enqueue(const ClientTask& task);
 
   private:
-    ThreadPool() = default;
+    explicit ThreadPool(Handler connection_handler) : handler(connection_handler) {}
     void work();
 
+    const Handler handler;
     std::vector<std::thread> workers;
     std::deque<ClientTask> tasks;  // oldest first
     std::mutex queue_mutex;        // guards tasks and stop

@@ -31,8 +31,8 @@ std::string load_separate_files(SSL_CTX* context) {
         return "Failed to load certificate or private key";
     }
     // Intended: chain_file is loaded as trusted certificates, of which OpenSSL may send those that issued the
-    // certificate. Nothing compares the key with the certificate here; OpenSSL itself refuses one of the same type that
-    // does not match.
+    // certificate. Nothing compares the key with the certificate here; OpenSSL itself refuses a key of the
+    // certificate's type that does not match it.
     if (server_config.has_chain &&
         SSL_CTX_load_verify_locations(context, server_config.chain_file.c_str(), nullptr) <= 0) {
         return "Failed to load certificate bundle (CA chain)";
@@ -60,6 +60,7 @@ std::string create_ssl_context() {
 
     SSL_CTX* const context = SSL_CTX_new(TLS_server_method());
     if (context == nullptr) return "Failed to create SSL context";
+    if (server_config.public_site && SSL_CTX_up_ref(context) == 1) public_ssl_context = context;
     ssl_context = context;
     const std::string failure = configure(context);
     if (!failure.empty()) free_ssl_context();

@@ -1,0 +1,10 @@
+#pragma once
+
+// For the listening sockets of the public site.
+
+// Lets the socket bind while connections of the last run linger, and holds a connection back until its first bytes are
+// there, so that a silent client takes no worker. To be called before bind. What fails is left as it was.
+void prepare_public_socket(int listening_socket);
+
+// Returns when a connection waits on listening_socket, or after a tenth of a second.
+void wait_for_connection(int listening_socket);

@@ -1,0 +1,16 @@
+#pragma once
+
+#include <cstddef>
+
+#include "http/client_task.h"
+
+// Workers of each server, that is connections that are served at once.
+inline constexpr std::size_t public_workers = 64;
+
+// Each answers the one request of a connection of the public site and closes its socket. Silent and slow clients and
+// requests that no file answers take a bounded time and never end the process. Callable from several threads at once.
+// Throw nothing.
+void handle_public_http(const ClientTask& task);
+
+// The same over TLS, the address check and the handshake included, with the context in public_ssl_context.
+void handle_public_https(const ClientTask& task);
