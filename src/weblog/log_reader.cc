@@ -1,10 +1,10 @@
 #include "weblog/log_reader.h"
 
 #include <arpa/inet.h>
+#include <strings.h>
 #include <sys/stat.h>
 
 #include <algorithm>
-#include <cctype>
 #include <charconv>
 #include <cstdio>
 #include <ctime>
@@ -68,16 +68,10 @@ std::string_view take_line(std::string_view& text) {
     return line;
 }
 
-// The value of line if it is the header that is called lower_case_name, otherwise "".
-std::string_view header_value(std::string_view line, std::string_view lower_case_name) {
-    const auto is_same = [](char wanted, char byte) {
-        return wanted == std::tolower(static_cast<unsigned char>(byte));
-    };
-    if (line.size() < lower_case_name.size() ||
-        !std::equal(lower_case_name.begin(), lower_case_name.end(), line.begin(), is_same)) {
-        return "";
-    }
-    line.remove_prefix(lower_case_name.size());
+// The value of line if it is the header that is called name, otherwise "".
+std::string_view header_value(std::string_view line, std::string_view name) {
+    if (line.size() < name.size() || strncasecmp(line.data(), name.data(), name.size()) != 0) return "";
+    line.remove_prefix(name.size());
     return line.substr(std::min(line.find_first_not_of(" \t"), line.size()));
 }
 
@@ -85,19 +79,19 @@ std::string_view header_value(std::string_view line, std::string_view lower_case
 // looks for the next quote is right.
 void append_quoted(std::string& line, std::string_view text, std::size_t length) {
     constexpr char digits[] = "0123456789ABCDEF";
+    const auto is_plain = [](char byte) { return byte >= ' ' && byte <= '~' && byte != '"' && byte != '\\'; };
     if (text.empty()) text = "-";
     line += '"';
-    for (const char character : text) {
-        const auto byte = static_cast<unsigned char>(character);
-        const bool is_plain = byte >= 0x20 && byte < 0x7F && byte != '"' && byte != '\\';
-        const std::size_t size = is_plain ? 1 : 4;
-        if (size > length) break;
-        length -= size;
-        if (is_plain) {
-            line += character;
-        } else {
-            line += {'\\', 'x', digits[byte >> 4], digits[byte & 15]};
-        }
+    while (!text.empty()) {
+        const char* const special = std::find_if_not(text.begin(), text.end(), is_plain);
+        const auto count = std::min(static_cast<std::size_t>(special - text.begin()), length);
+        line += text.substr(0, count);
+        length -= count;
+        if (special == text.end() || length < 4) break;
+        text.remove_prefix(count + 1);
+        const auto byte = static_cast<unsigned char>(*special);
+        line += {'\\', 'x', digits[byte >> 4], digits[byte & 15]};
+        length -= 4;
     }
     line += '"';
 }
@@ -274,8 +268,8 @@ void LogReader::begin_request(Thread& thread, const Entry& entry) {
     append_quoted(request.front, take_line(text), longest_request_line);
     std::string_view referrer, agent;
     for (std::string_view line; !(line = take_line(text)).empty();) {
-        if (referrer.empty()) referrer = header_value(line, "referer:");
-        if (agent.empty()) agent = header_value(line, "user-agent:");
+        if (referrer.empty()) referrer = header_value(line, "Referer:");
+        if (agent.empty()) agent = header_value(line, "User-Agent:");
     }
     request.back += ' ';
     append_quoted(request.back, referrer, longest_header);
