@@ -72,6 +72,7 @@ def dribble(client, beginning, byte):
     return time.monotonic() - begin
 
 
+@unittest.skipIf("tsan" in PROGRAMS, "its threads and their waits are too slow there")
 class Public(unittest.TestCase):
     def start(self, *arguments):
         return self.enterContext(PublicDaemon(*arguments))

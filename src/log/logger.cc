@@ -1,6 +1,7 @@
 #include "log/logger.h"
 
 #include <pthread.h>
+#include <signal.h>
 
 #include <cerrno>
 #include <cstdio>
@@ -41,7 +42,12 @@ Logger::Logger(const std::string& path, std::int32_t lowest_level) : min_level(l
     file.open(path, std::ios::app);
     const int error = errno;  // now: putting the text together may change it
     if (!file) throw log_open_error(path, error);
+    // The writer takes the queue's lock, so it starts with signals held; the caller may have admitted them.
+    sigset_t before;
+    pthread_sigmask(SIG_BLOCK, nullptr, &before);
+    hold_signals();
     writer = std::thread(&Logger::run, this);
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
 }
 
 void Logger::log(std::int32_t level, const std::string& message, const std::string& context) {
@@ -63,7 +69,6 @@ void Logger::wait_until_written(std::chrono::steady_clock::time_point deadline) 
 }
 
 void Logger::run() {
-    hold_signals();  // the main thread, which starts this one, may have admitted them
     for (;;) {
         std::unique_lock lock(queue_mutex);
         queue_cv.wait(lock, [this] { return !queue.empty() || flush_requested || stop; });
