@@ -25,10 +25,11 @@ constexpr std::size_t longest_address = 15;
 constexpr std::size_t longest_request = 4096;  // what the daemon reads of one
 constexpr std::size_t longest_entry = longest_head + longest_address + longest_request + 3;
 constexpr std::size_t longest_rest = 1 << 16;
-// The text of a request has surely ended by then, and so has that of others which were logged in the middle of it.
-constexpr std::size_t longest_text = 16 * longest_entry;
 constexpr std::uint64_t patience = 1 << 20;  // bytes of the log, within which all entries of a request lie
 constexpr std::size_t most_threads = 128;    // more than the daemon has
+// How far the log may go on before the thread of a request logs again. Meanwhile each other thread can log a request of
+// its own, which is as long as the daemon reads; a new number in there is not trusted either.
+constexpr std::uint64_t longest_text = most_threads * longest_entry;
 
 // In a line. GoAccess takes what comes after 4095 bytes for a line of its own.
 constexpr std::size_t longest_request_line = 2000;
@@ -244,8 +245,8 @@ void LogReader::begin_request(Thread& thread, const Entry& entry) {
     in_addr number;
     const bool is_address = address.find('\0') == address.npos && inet_pton(AF_INET, address.c_str(), &number) == 1;
     // "0.0.0.0 Failed to accept HTTPS connection" is no request.
-    if (!is_address || number.s_addr == 0 || !text.ends_with('\n')) return;
-    text = text.substr(address.size() + 1, text.size() - address.size() - 2);
+    if (!is_address || number.s_addr == 0) return;
+    text.remove_prefix(std::min(address.size() + 1, text.size()));
 
     thread.number = written + waiting.size();
     thread.context = entry.context;
@@ -256,7 +257,7 @@ void LogReader::begin_request(Thread& thread, const Entry& entry) {
     request.thread = entry.thread;
     request.position = entry.position;
     request.is_trusted = thread.is_trusted;
-    if (text == too_many_requests_text) {
+    if (text == std::string(too_many_requests_text) + '\n') {
         request.status = 429;
         thread.text_end = 0;
         text = "";
