@@ -259,7 +259,7 @@ void LogReader::begin_request(Thread& thread, const Entry& entry) {
     request.is_trusted = thread.is_trusted;
     if (text == std::string(too_many_requests_text) + '\n') {
         request.status = 429;
-        thread.text_end = 0;
+        thread.text_end = entry.position + longest_entry;  // a client can send the same text, and more
         text = "";
     }
     text.remove_prefix(std::min(text.find_first_not_of("\r\n"), text.size()));
