@@ -70,6 +70,8 @@ TEST(log_reader, has_one_line_for_each_request_in_the_order_of_the_log) {
              request(2, not_allowed) + sent(2, "/b") + request(2, forbidden + "more") + request(2, not_allowed),
          line("PATH = /x", "405 0") + line_of("/a") + line("ERROR: HTTP/1.1 405 Method Not Allowed", "405 0") +
              line_of("/b") + line("ERROR: HTTP/1.1 403 Forbidden", "405 0")},
+        {sent(2, "/a") + entry(2, "10.0.0.2 " + forbidden + "\n") + entry(2, "10.0.0.2 " + not_allowed + "\n"),
+         line_of("/a") + "10.0.0.2" + line("ERROR: HTTP/1.1 403 Forbidden", "405 0").substr(8)},
         {request(2, "") + request(2, not_allowed) + request(2, "GET") + request(2, "PATH = \n"),
          line("-", "405 0") + line("GET")},
         {request(2, "\r\n\nGET /\0\x1b[2J\"\\\x7f\xff x\ty\r\nReferer:  \"\x80\r\nuser-AGENT:a "s +
