@@ -7,7 +7,7 @@
 namespace {
 
 std::string lines_of(std::string_view log, std::size_t piece) {
-    LogReader reader;
+    LogReader reader(site);
     std::string lines;
     for (; log.size() > piece; log.remove_prefix(piece)) reader.read(log.substr(0, piece), lines);
     reader.read(log, lines);

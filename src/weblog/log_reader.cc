@@ -31,6 +31,9 @@ constexpr std::size_t most_threads = 128;    // more than the daemon has
 // its own, which is as long as the daemon reads; a new number in there is not trusted either.
 constexpr std::uint64_t longest_text = most_threads * longest_entry;
 
+constexpr std::size_t most_known = 8 << 20;  // bytes for names that were looked up
+constexpr std::size_t least_known = 128;     // what each takes beside its text
+
 // In a line. GoAccess takes what comes after 4095 bytes for a line of its own.
 constexpr std::size_t longest_request_line = 2000;
 constexpr std::size_t longest_header = 1000;
@@ -97,20 +100,6 @@ void append_quoted(std::string& line, std::string_view text, std::size_t length)
     line += '"';
 }
 
-// What the daemon would answer now: status and size.
-std::pair<int, std::uintmax_t> look_up(const std::string& site, const std::string& target) {
-    constexpr std::pair<int, std::uintmax_t> missing{404, 0};
-    try {
-        std::string name;
-        struct stat file;
-        if (target.empty() || !is_path_allowed(site, target.substr(1), &name)) return missing;
-        if (stat(name.c_str(), &file) != 0) return missing;
-        return {200, S_ISREG(file.st_mode) ? static_cast<std::uintmax_t>(file.st_size) : 0};
-    } catch (const std::filesystem::filesystem_error&) {
-        return missing;
-    }
-}
-
 }  // namespace
 
 // Returns false when text does not begin as an entry does.
@@ -155,6 +144,7 @@ void LogReader::tick(std::string& lines) {
     if (!is_growing && rest.ends_with('\n')) take_rest();
     is_growing = false;
     overdue = std::exchange(old, written + waiting.size());
+    known.clear();
     write_certain(lines);
 }
 
@@ -317,14 +307,39 @@ void LogReader::write_certain(std::string& lines) {
     }
 }
 
-void LogReader::write(const Request& request, std::string& lines) const {
+void LogReader::write(const Request& request, std::string& lines) {
     lines += request.front;
     if (request.status == 0 && (!request.target || site.empty())) {
         lines += " 200 -";
     } else {
         const auto [status, size] =
-            request.status == 0 ? look_up(site, *request.target) : std::pair(request.status, request.size);
+            request.status == 0 ? answer_now(*request.target) : Answer(request.status, request.size);
         lines += ' ' + std::to_string(status) + ' ' + std::to_string(size);
     }
     lines += request.back;
+}
+
+// What the daemon would answer now. The file system is asked for a name at most once between ticks.
+LogReader::Answer LogReader::answer_now(const std::string& target) {
+    const auto found = known.find(target);
+    if (found != known.end()) return found->second;
+    if (known.empty() || known_size > most_known) {
+        known.clear();
+        known_size = 0;
+    }
+    known_size += target.size() + least_known;
+    return known[target] = look_up(target);
+}
+
+LogReader::Answer LogReader::look_up(const std::string& target) const {
+    constexpr Answer missing{404, 0};
+    try {
+        std::string name;
+        struct stat file;
+        if (target.empty() || !is_path_allowed(site, target.substr(1), &name)) return missing;
+        if (stat(name.c_str(), &file) != 0) return missing;
+        return {200, S_ISREG(file.st_mode) ? static_cast<std::uintmax_t>(file.st_size) : 0};
+    } catch (const std::filesystem::filesystem_error&) {
+        return missing;
+    }
 }

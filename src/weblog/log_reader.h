@@ -32,6 +32,7 @@ class LogReader {
     void finish(std::string& lines);
 
   private:
+    using Answer = std::pair<int, std::uintmax_t>;  // its status, and the size of its body
     struct Entry {
         std::string_view time, context, message;
         std::uint64_t thread;
@@ -67,7 +68,9 @@ class LogReader {
     void begin_request(Thread& thread, const Entry& entry);
     void append_time(std::string& line, std::string_view time);
     void write_certain(std::string& lines);
-    void write(const Request& request, std::string& lines) const;
+    void write(const Request& request, std::string& lines);
+    Answer answer_now(const std::string& target);
+    Answer look_up(const std::string& target) const;
 
     const std::string site;
     std::string rest;  // of the log, from the last entry on
@@ -80,5 +83,7 @@ class LogReader {
     std::uint64_t old = 0;      // requests that had begun at the last tick
     std::uint64_t overdue = 0;  // and at the one before
     std::unordered_map<std::uint64_t, Thread> threads;
+    std::unordered_map<std::string, Answer> known;  // what was looked up since the last tick
+    std::size_t known_size = 0;
     std::string minute, minute_text, zone_text;  // the last one converted, and what it is in a line
 };
