@@ -35,7 +35,7 @@ constexpr char help_text[] =
 )";
 
 constexpr std::chrono::milliseconds tick_time{1000};
-constexpr std::chrono::milliseconds pause_time{100};
+constexpr std::chrono::milliseconds pause_time{20};
 
 [[noreturn]] void fail(const std::string& name) {
     throw std::system_error(errno, std::generic_category(), name);
