@@ -9,6 +9,7 @@
 #include <cstddef>
 #include <filesystem>
 #include <string_view>
+#include <system_error>
 #include <utility>
 
 #include "config/server_config.h"
@@ -24,17 +25,18 @@ bool is_plain(std::string_view path) {
 
 // Opens name, which is absolute and canonical, one directory after the other. Returns a descriptor or -1.
 int open_step_by_step(const std::string& name, int flags) {
-    int directory = open("/", O_PATH);
-    for (std::size_t begin = 1;;) {
+    int descriptor = open("/", O_PATH);
+    for (std::size_t begin = 1; descriptor != -1;) {
+        const int directory = descriptor;
         const std::size_t end = name.find('/', begin);
         const bool is_last = end == name.npos;
         const std::string part = name.substr(begin, end - begin);
-        const int next = openat(directory, part.c_str(), O_NOFOLLOW | (is_last ? flags : O_PATH | O_DIRECTORY));
+        descriptor = openat(directory, part.c_str(), O_NOFOLLOW | (is_last ? flags : O_PATH | O_DIRECTORY));
         close(directory);
-        if (is_last || next == -1) return next;
-        directory = next;
+        if (is_last) break;
         begin = end + 1;
     }
+    return descriptor;
 }
 
 // Opens name, which is absolute and canonical, if no link is on the way: what has been checked is what is opened.
@@ -87,6 +89,8 @@ OpenedFile open_public_file(const std::string& relative_path) {
     }
     if (name.find('\0') != name.npos) return {true, std::move(name), -1};  // the system would see another name
     const bool is_allowed = is_path_allowed(website_path, relative_path, &name) && is_inside(website_path, name);
-    const int descriptor = is_allowed ? open_without_links(name, O_RDONLY | O_NONBLOCK) : -1;
-    return {is_allowed, std::move(name), descriptor};
+    if (!is_allowed) return {false, std::move(name), -1};
+    const int descriptor = open_without_links(name, O_RDONLY | O_NONBLOCK);
+    if (descriptor == -1 && (errno == EMFILE || errno == ENFILE)) throw std::system_error(errno, std::generic_category());
+    return {true, std::move(name), descriptor};
 }
