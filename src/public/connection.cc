@@ -129,7 +129,8 @@ TlsConnection::TlsConnection(int accepted_socket, SSL_CTX* context)
 }
 
 TlsConnection::~TlsConnection() {
-    if (!is_broken) SSL_shutdown(session);  // once: does not wait for the client's notification
+    const auto notify = [this] { return SSL_shutdown(session) == -1 ? -1 : 1; };  // the client need not answer
+    if (!is_broken) retry(notify, &TlsConnection::wait_for_progress);
     SSL_free(session);
 }
 

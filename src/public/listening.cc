@@ -5,6 +5,9 @@
 #include <poll.h>
 #include <sys/socket.h>
 
+#include <chrono>
+#include <thread>
+
 void prepare_public_socket(int listening_socket) {
     const int on = 1;
     setsockopt(listening_socket, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
@@ -16,4 +19,8 @@ void wait_for_connection(int listening_socket) {
     constexpr int milliseconds = 100;  // so that the listener sees soon that it is to end
     pollfd entry{listening_socket, POLLIN, 0};
     poll(&entry, 1, milliseconds);
+}
+
+void pause_after_failed_accept() {
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
 }

@@ -8,3 +8,7 @@ void prepare_public_socket(int listening_socket);
 
 // Returns when a connection waits on listening_socket, or after a tenth of a second.
 void wait_for_connection(int listening_socket);
+
+// To be called after a failed accept. Sleeps a tenth of a second: the failure may last, as when there is no descriptor
+// left, and must fill neither the processor nor the log.
+void pause_after_failed_accept();
