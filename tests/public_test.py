@@ -121,6 +121,7 @@ class Public(unittest.TestCase):
                     expected += f"Error handling client: .*{reason[0]}.*\n"
                 if answer and not answer.startswith("HTTP/1.1 200"):
                     expected += re.escape(f"127.0.0.1 ERROR: {answer}\n\n")
+            wait_until(lambda: daemon.messages(f"{server}.log").endswith("PATH = /inside.css\n\n\n"))
             self.assertRegex(daemon.messages(f"{server}.log"), rf"\A{expected}\Z")
 
     def test_takes_a_request_in_pieces_and_lets_a_long_one_come_to_its_end(self):
