@@ -91,6 +91,7 @@ OpenedFile open_public_file(const std::string& relative_path) {
     const bool is_allowed = is_path_allowed(website_path, relative_path, &name) && is_inside(website_path, name);
     if (!is_allowed) return {false, std::move(name), -1};
     const int descriptor = open_without_links(name, O_RDONLY | O_NONBLOCK);
-    if (descriptor == -1 && (errno == EMFILE || errno == ENFILE)) throw std::system_error(errno, std::generic_category());
+    if (descriptor == -1 && (errno == EMFILE || errno == ENFILE))
+        throw std::system_error(errno, std::generic_category());
     return {true, std::move(name), descriptor};
 }
