@@ -102,8 +102,8 @@ void accept_connections(const std::string& context, ThreadPool* public_pool) {
         socklen_t length = sizeof peer;
         const int client_socket = accept(listening_socket, reinterpret_cast<sockaddr*>(&peer), &length);
         if (client_socket == -1) {
-            // Intended: the address is that of no client, 0.0.0.0, and there is no pause before the next attempt, unless
-            // the site is public.
+            // Intended: the address is that of no client, 0.0.0.0, and there is no pause before the next attempt,
+            // unless the site is public.
             log_event(log_target_https, inet_ntoa(peer.sin_addr), "Failed to accept HTTPS connection", context);
             if (public_pool != nullptr) pause_after_failed_accept();
             continue;

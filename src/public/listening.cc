@@ -11,7 +11,7 @@
 void prepare_public_socket(int listening_socket) {
     const int on = 1;
     setsockopt(listening_socket, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-    const int seconds = 10;  // then the kernel hands over even a silent connection, which a worker drops at once
+    const int seconds = 10;  // then the kernel hands over even a silent connection, which a worker soon drops
     setsockopt(listening_socket, IPPROTO_TCP, TCP_DEFER_ACCEPT, &seconds, sizeof seconds);
 }
 

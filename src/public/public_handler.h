@@ -10,9 +10,8 @@ inline constexpr std::size_t public_workers = 64;
 // limits the daemon stays within 1024 descriptors.
 inline constexpr std::size_t public_waiting_limit = 256;
 
-// Each answers the one request of a connection of the public site and closes its socket. Silent and slow clients and
-// requests that no file answers take a bounded time and never end the process. Callable from several threads at once.
-// Throw nothing.
+// Answers the one request of a connection of the public site and closes its socket. Each wait for the client has a
+// limit, and no request ends the process. Callable from several threads at once. Throws nothing.
 void handle_public_http(const ClientTask& task);
 
 // The same over TLS, the address check and the handshake included, with the context in public_ssl_context.

@@ -27,8 +27,8 @@ constexpr std::size_t longest_entry = longest_head + longest_address + longest_r
 constexpr std::size_t longest_rest = 1 << 16;
 constexpr std::uint64_t patience = 1 << 20;  // bytes of the log, within which all entries of a request lie
 constexpr std::size_t most_threads = 128;    // more than the daemon has
-// How far the log may go on before the thread of a request logs again. Meanwhile each other thread can log a request of
-// its own, which is as long as the daemon reads; a new number in there is not trusted either.
+// How far the log may go on before the thread of a request logs again: meanwhile each other thread can log a request of
+// its own, as long as the daemon reads one. A new number that is seen in this stretch is not trusted.
 constexpr std::uint64_t longest_text = most_threads * longest_entry;
 
 constexpr std::size_t most_known = 8 << 20;  // bytes for names that were looked up
@@ -48,7 +48,7 @@ bool is_digit(char byte) {
     return byte >= '0' && byte <= '9';
 }
 
-// Takes what text has to begin with from its front.
+// Removes beginning from the front of text. Returns false when text does not begin with it.
 bool take(std::string_view& text, std::string_view beginning) {
     if (!text.starts_with(beginning)) return false;
     text.remove_prefix(beginning.size());
@@ -79,8 +79,8 @@ std::string_view header_value(std::string_view line, std::string_view name) {
     return line.substr(std::min(line.find_first_not_of(" \t"), line.size()));
 }
 
-// Appends text in quotes, cut to length. Intended: quotes and backslashes become hexadecimal too, so that a reader which
-// looks for the next quote is right.
+// Appends text in quotes, cut to length. Intended: quotes and backslashes become hexadecimal too, so that a reader
+// which looks for the next quote is right.
 void append_quoted(std::string& line, std::string_view text, std::size_t length) {
     constexpr char digits[] = "0123456789ABCDEF";
     const auto is_plain = [](char byte) { return byte >= ' ' && byte <= '~' && byte != '"' && byte != '\\'; };
@@ -130,7 +130,7 @@ void LogReader::read(std::string_view bytes, std::string& lines) {
         is_at_line = true;
         write_certain(lines);
     }
-    if (text.size() - begin > longest_rest) {  // what is looked at is there; the rest of the entry is passed over
+    if (text.size() - begin > longest_rest) {  // all that matters of it is there; the rest of the entry is passed over
         take_entry(text.substr(begin));
         is_at_line = false;
         rest_position += text.size() - begin - longest_head;
@@ -155,7 +155,8 @@ void LogReader::finish(std::string& lines) {
     write_certain(lines);
 }
 
-// Takes the rest as an entry, although no other one follows it. What may still come up to the next one is passed over.
+// Takes the rest as an entry, although no other one follows it yet. Bytes that still come before the next entry are
+// passed over.
 void LogReader::take_rest() {
     take_entry(rest);
     rest_position += rest.size();
@@ -186,8 +187,8 @@ LogReader::Thread& LogReader::thread_of(const Entry& entry) {
     return thread;
 }
 
-// True when the entry may be part of a request of another thread, which ends before that thread's next entry. A request
-// of a thread that does not count itself yet lies in one of a thread that does, so that one is enough.
+// True when the entry may be part of a request of another thread; such a request ends before that thread's next entry.
+// Only trusted threads are asked: what lies in the request of another thread lies in one of theirs too.
 bool LogReader::can_be_forged(const Entry& entry) const {
     return std::any_of(threads.begin(), threads.end(), [&](const auto& item) {
         const auto& [number, thread] = item;

@@ -14,11 +14,12 @@
 // bytes. Takes constant memory. To be used by one thread.
 //
 // A client can write lines into its request that look like entries, but it cannot know the numbers of the daemon's
-// threads. So a number that is new counts only once it is seen where no request can have put it. What it logged before
-// waits for that, and is dropped if it does not happen.
+// threads. So a new number is trusted only once it is seen where no request can have put it. The requests of its thread
+// wait for that, and are dropped if it does not happen.
 class LogReader {
   public:
-    // A file that was sent has status 200 and size "-", or, with a canonical website_path, those of the file as it is now.
+    // A file that was sent has status 200 and size "-" or, with a canonical website_path, those that a request would
+    // have now.
     explicit LogReader(std::string website_path = "") : site(std::move(website_path)) {}
 
     // Takes the log's next bytes, cut anywhere, and appends to lines what has become certain.
@@ -46,16 +47,16 @@ class LogReader {
         int status = 0;                     // 0 while nothing says that it was refused
         std::size_t size = 0;               // of the answer, if it was refused
         bool is_complete = false;           // no further entry can belong to it
-        bool is_trusted = false;            // its thread counted already
+        bool is_trusted = false;            // its thread was trusted when it began
     };
     struct Thread {
         bool is_trusted = false;
         std::uint64_t last_position = 0;
         // Of its last request:
         std::uint64_t number = 0;    // the log's first request is 0
-        std::uint64_t text_end = 0;  // the position where its text has ended
+        std::uint64_t text_end = 0;  // its text ends before this position
         std::string context, address;
-        enum { nothing, path, refusal } expected = nothing;  // as the next entry that belongs to it
+        enum { nothing, path, refusal } expected = nothing;  // the next entry that may belong to it
     };
 
     static bool split(std::string_view text, Entry& entry);

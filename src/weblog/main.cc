@@ -61,7 +61,7 @@ class Log {
         struct stat opened, named;
         if (fstat(file, &opened) != 0) fail(name);
         const bool is_emptied = opened.st_size < place;
-        // A new file counts once something is in it: until its restart the daemon goes on with the one that was moved.
+        // A new file counts once something is in it: until its restart the daemon writes to the one that was moved.
         const bool is_replaced = stat(name.c_str(), &named) == 0 && named.st_ino != opened.st_ino && named.st_size > 0;
         const bool is_read = !is_emptied && read_some();
         if (!is_read && (is_emptied || is_replaced)) {
@@ -104,8 +104,8 @@ class Log {
         print();
     }
 
-    // Writes pieces that a pipe takes whole, so that its reader never finds half a line, which GoAccess would count as a
-    // line of its own. No line is longer than such a piece.
+    // Writes pieces that a pipe takes whole, so that its reader never finds half a line, which GoAccess would count as
+    // a line of its own. No line is longer than such a piece.
     void print() {
         for (std::string_view left = lines; !left.empty();) {
             const std::size_t size = left.size() <= PIPE_BUF ? left.size() : left.rfind('\n', PIPE_BUF - 1) + 1;
@@ -159,7 +159,7 @@ int main(int argument_count, char** arguments) {
                 std::cout << help_text << std::flush;
                 return 0;
             } else {
-                return 1;  // it was told why
+                return 1;  // getopt_long has said why
             }
         }
         const std::vector<std::string> names(arguments + optind, arguments + argument_count);
