@@ -3,7 +3,8 @@
 #
 # tests/harness.py PROGRAMS TEST [OPTION...]
 #
-# PROGRAMS is the directory of marluserver and marlu-check, TEST a file here without its ending; the options are unittest's.
+# PROGRAMS is the directory of marluserver, marlu-check and marlu-log, TEST a file here without its ending; the options
+# are unittest's.
 import contextlib
 import ctypes
 import fcntl
@@ -111,7 +112,7 @@ def reset_when_closed(client):
     client.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
 
 
-# What clients need that trust one certificate and nothing else, for any version or for one alone.
+# The context of clients that trust one certificate and nothing else, with any version of TLS or with one alone.
 def tls_clients(certificate, version=None):
     context = ssl.create_default_context(cafile=certificate)
     context.check_hostname = False
@@ -146,8 +147,8 @@ def listening_options(server):
     return is_reused, backlog, not fcntl.fcntl(server, fcntl.F_GETFL) & os.O_NONBLOCK
 
 
-# Makes certificates and keys in TLS, NAME.crt with NAME.key, and files that combine them: "leaf" was issued by "middle", and
-# that by "root"; "good" stands for itself.
+# Makes certificates and keys in TLS, NAME.crt with NAME.key, and files that combine them: "leaf" was issued by
+# "middle", and that by "root"; "good" stands for itself.
 def make_certificates():
     script = f"""mkdir -p {TLS} && cd {TLS}
         make() {{ name=$1; shift; openssl req -x509 -nodes -subj /CN=$name -keyout $name.key -out $name.crt "$@"; }}
@@ -176,8 +177,9 @@ def children():
     return set(map(int, read("/proc/1/task/1/children").split()))
 
 
-# One run of the program, with a directory, ports, logs and a pid file of its own. Going out of its context it ends, and
-# fails if it did before, leaves its pid file, or a sanitizer complained.
+# One run of the program, with a directory, ports, logs and a pid file of its own. At the end of a "with" statement the
+# daemon is ended, unless the test has seen its end. The test fails if that status is not 0, the pid file is left, or a
+# sanitizer complained.
 class Daemon:
     next_port = 8000
     is_sanitized = "san_init" in read(f"{PROGRAMS}/marluserver")
@@ -270,7 +272,7 @@ class Daemon:
     def log(self, name="http.log"):
         return read(f"{self.directory}/{name}")
 
-    # What is logged at the start by the server on port, after the loader.
+    # What the log holds after the start of the server on port; of_loader are further lines of the loader.
     def first_messages(self, port, of_loader=""):
         return (f"The configuration file located at the following path is used: {self.config_file}\n{of_loader}"
                 f"Server started on port {port}\nServing files from: {self.site}\n")

@@ -13,6 +13,11 @@ from harness import is_listening, ok, read, receive_all, run, wait_until, write
 from https_test import TlsDaemon, setUpModule, without
 
 SERVERS = ("http", "https")
+# Runs the command behind it with openat2 forbidden, as in some containers.
+NO_OPENAT2 = """python3 -c 'import ctypes, os, struct, sys
+rules = struct.pack("HBBIHBBIHBBIHBBI", 32, 0, 0, 0, 21, 0, 1, 437, 6, 0, 0, 0x50001, 6, 0, 0, 0x7fff0000)
+ctypes.CDLL(None).prctl(22, 2, struct.pack("HP", 4, ctypes.cast(rules, ctypes.c_void_p).value))
+os.execvp(sys.argv[1], sys.argv[1:])' """
 GET = "GET / HTTP/1.1\r\n\r\n"
 HELLO = ok("text/html", "hello")
 
@@ -25,8 +30,8 @@ class PublicDaemon(TlsDaemon):
     def connect(self, server):
         return connect(self.port) if server == "http" else handshake(self.clients, connect(self.https_port))
 
-    def ask(self, server, request):
-        client = self.connect(server)
+    def ask(self, server, request, client=None):
+        client = client or self.connect(server)
         client.sendall(request.encode("latin-1"))
         return client
 
@@ -72,14 +77,17 @@ def dribble(client, beginning, byte):
     return time.monotonic() - begin
 
 
-@unittest.skipIf("tsan" in PROGRAMS, "its threads and their waits are too slow there")
 class Public(unittest.TestCase):
     def start(self, *arguments):
         return self.enterContext(PublicDaemon(*arguments))
 
     def test_answers_and_logs_byte_for_byte(self):
-        os.symlink(f"{WORK}/{Daemon.next_port}/site", f"{WORK}/public")
-        daemon = self.start(f"website_path={WORK}/./public/../site/.\n", without("dac_override,-dac_read_search"))
+        for prefix in ("", NO_OPENAT2):
+            self.answers_and_logs(prefix + without("dac_override,-dac_read_search"))
+
+    def answers_and_logs(self, command):
+        os.symlink(f"{WORK}/{Daemon.next_port}/site", f"{WORK}/{Daemon.next_port}.public")
+        daemon = self.start(f"website_path={WORK}/./{Daemon.next_port}.public/../site/.\n", command)
         for name, text in (("docs/.page", "page"), ("report.pdf", "report"), ("empty.css", ""), ("closed/x", "x"),
                            ("../site-old/secret", "secret")):
             write(f"{daemon.site}/{name}", text)
@@ -93,7 +101,6 @@ class Public(unittest.TestCase):
         cases = [  # a request up to its end, the logged path, the answer, the reason in the log
             ("GET / HTTP/1.1\r\nHost: a", "/index.html", HELLO),
             ("\r\nGET \t /empty.css?v=3&/.. HTTP/1.1", "/empty.css", ok("text/css", "")),
-            ("GET /?", "/index.html", HELLO),
             ("GET /none/../docs//./.page", "/none/../docs//./.page", page),
             ("GET /absolute/.page", "/absolute/.page", page),
             ("GET / " + 5000 * "a", "/index.html", HELLO),
@@ -122,6 +129,7 @@ class Public(unittest.TestCase):
                     expected += f"Error handling client: .*{reason[0]}.*\n"
                 if answer and not answer.startswith("HTTP/1.1 200"):
                     expected += re.escape(f"127.0.0.1 ERROR: {answer}\n\n")
+            wait_until(lambda: daemon.messages(f"{server}.log").endswith("PATH = /inside.css\n\n\n"))
             self.assertRegex(daemon.messages(f"{server}.log"), rf"\A{expected}\Z")
 
     def test_takes_a_request_in_pieces_and_lets_a_long_one_come_to_its_end(self):
@@ -159,7 +167,7 @@ class Public(unittest.TestCase):
             last = daemon.hold(server)
             descriptors = daemon.count("fd")
             queued = [threads.submit(daemon.answer, server) for _ in range(30)]
-            wait_until(lambda: daemon.count("fd") == descriptors + 30)
+            wait_until(lambda: daemon.count("fd") >= descriptors + 30)
             # Waits for nothing: where all is right, nothing comes however long it is.
             self.assertFalse(futures.wait(queued, 0.3, futures.FIRST_COMPLETED).done)
             last.close()
@@ -168,8 +176,6 @@ class Public(unittest.TestCase):
         for client in [*held["http"][::2], *held["https"][::2]]:
             threads.submit(count_bytes, client)
         self.assertEqual(daemon.end(), 0)
-        for server in SERVERS:
-            self.assertTrue(daemon.messages(f"{server}.log").endswith("PATH = /large\n\n\n" + SHUTDOWN_LINE))
 
     def test_sends_files_of_any_size_as_they_are_now(self):
         daemon = self.start()
@@ -188,8 +194,8 @@ class Public(unittest.TestCase):
         for server, client in zip(SERVERS, held):
             self.assertLess(count_bytes(client), 64 << 20)
             self.assertEqual(daemon.answer(server), HELLO)
-            self.assertIn("\nError handling client send: The file ended before its size\n127.0.0.1 GET",
-                          daemon.messages(f"{server}.log"))
+            wait_until(lambda: "\nError handling client send: The file ended before its size\n127.0.0.1 GET" in
+                       daemon.messages(f"{server}.log"))
         wait_until(lambda: daemon.count("fd") == descriptors)
 
     def test_binds_while_connections_linger(self):
@@ -215,13 +221,9 @@ class Public(unittest.TestCase):
             self.assertEqual(daemon.answer(server), HELLO)
         wait_until(lambda: daemon.count("fd") == descriptors)  # now all of them have been counted
         for server, port in zip(SERVERS, (daemon.port, daemon.https_port)):
-            client = connect(port, "127.0.0.9")
-            client.sendall(GET.encode())
-            self.assertEqual(receive_all(client), "")
+            self.assertEqual(receive_all(daemon.ask(server, GET, connect(port, "127.0.0.9"))), "")
             wait_until(lambda: daemon.messages(f"{server}.log").endswith(
                 "127.0.0.9 HTTP/1.1 429 Too Many Requests\n\n"))
-        client = connect(daemon.https_port)
-        client.sendall(GET.encode())
-        receive_all(client)
+        receive_all(daemon.ask("https", GET, connect(daemon.https_port)))
         self.assertEqual(daemon.end(), 0)
         self.assertRegex(daemon.messages(), f"\nSSL_accept <= 0\n\\S*:error:.*http request.*\n\n{SHUTDOWN_LINE}\\Z")

@@ -17,6 +17,7 @@ class Http(unittest.TestCase):
     def test_answers_and_logs_byte_for_byte(self):
         begin = int(time.time())
         daemon = self.enterContext(Daemon("use_log_https=y\n", "echo old >http.log && ./marluserver start"))
+        descriptors = daemon.count("fd")
         for name, text in (("docs/.Css", ""), ("page.html?x=1", LARGE), ("report.pdf", "report"), ("%2e%2e/x", "x"),
                            ("../site-old/secret", "secret")):
             write(f"{daemon.site}/{name}", text)
@@ -49,6 +50,7 @@ class Http(unittest.TestCase):
         # That a request for a missing file, which gets no answer, was there in time, only the log can tell.
         expected += logged("GET /none", "/none", "")
         wait_until(lambda: receive_all(daemon.send("GET /none")) or daemon.messages().startswith(expected))
+        wait_until(lambda: daemon.count("fd") == descriptors)
         self.assertEqual(daemon.end(), 0)
         self.assertTrue(daemon.messages().endswith("PATH = /none\n\n\n" + SHUTDOWN_LINE))
         self.assertEqual(daemon.log("https.log"), "", "its server was not to be started")

@@ -3,7 +3,8 @@
 #include <string>
 #include <string_view>
 
-// The version text is stored encrypted, beside the key that decrypts it. To be used before any other thread exists.
+// The version text is stored encrypted, beside the key that decrypts it. Nothing here may be used once a second thread
+// exists.
 
 // The third character of the stored key text. It is stored three steps too high; the key can be read once the entry
 // point has lowered this character three times.

@@ -18,8 +18,9 @@ constexpr char help_text[] =
       Warns of anything that the daemon accepts and nobody wants: a port outside 1 to 65535, an unknown key, a switch
       other than yes, y, no or n, a certificate that has expired or does not match its key, a missing permission for a
       port or the packet socket; and without public_site=yes: a website_path that is not canonical (every request is
-      answered 403) or with which the name of another directory begins (that is served too), files that share a cache
-      slot and are not on the cache-ignore list (wrong bytes over HTTPS). Run it as the user that the daemon runs as.
+      answered 403) or with which the name of another file or directory begins (that is served too), files that share
+      a cache slot and are not on the cache-ignore list (wrong bytes over HTTPS). Run it as the daemon's user and with
+      its capabilities.
       Exit status: 0, with or without warnings, or 1 when the daemon would refuse the configuration or could not start
       HTTPS with it.
 
@@ -31,9 +32,9 @@ constexpr char help_text[] =
       Exit status: 0, or 1 when WEBSITE_PATH is not a directory or the list cannot be written.
 
   marlu-check wait FILE
-      Waits until the servers of the configuration FILE can bind their ports, at most 65 seconds: without public_site=yes
-      connections of the previous run hold the HTTPS port for up to a minute. Does not wait for a port on which another
-      program listens.
+      Waits until the servers of the configuration FILE can bind their ports, at most 65 seconds: without
+      public_site=yes connections of the previous run hold the HTTPS port for up to a minute. Does not wait for a port
+      that is forbidden or on which another program listens.
       Exit status: 0, or 1 when a port stays unavailable or the daemon would refuse the configuration.
 
   marlu-check --help

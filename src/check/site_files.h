@@ -22,5 +22,6 @@ struct Site {
 Site find_site_files(const std::string& website_path);
 
 // Returns the files that a cache-ignore list must hold so that every file is served with its own bytes: in each slot
-// all but the largest, and of these the largest ones until the rest fits into the cache. Sorted by entry.
+// all but one, the largest or one that is not listable; and while those that are left do not fit into the cache
+// together, the largest of them. In the order of files.
 std::vector<SiteFile> files_to_ignore(const std::vector<SiteFile>& files);

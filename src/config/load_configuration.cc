@@ -42,10 +42,10 @@ void open_logs() {
     if (server_config.https_log_enabled) https_logger = new Logger(server_config.https_log_file, log_debug);
 }
 
-// So that a website_path over links, or with "." or "..", is what it leads to.
+// So that a website_path over links, or with "." or "..", is what it leads to. The daemon's directory is "/".
 void make_website_path_canonical() {
     std::string& path = server_config.website_path;
-    path = std::filesystem::weakly_canonical(path.empty() ? "/" : path).string();
+    path = std::filesystem::weakly_canonical(std::filesystem::path("/") / path).string();
     while (path.size() > 1 && path.back() == '/') path.pop_back();
 }
 

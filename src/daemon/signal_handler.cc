@@ -87,7 +87,7 @@ void stop_serving() {
     end_process();
 }
 
-// Intended: these leave the sockets and the TLS context to the kernel, but an arithmetic error does not.
+// Intended: SIGSEGV, SIGBUS and SIGABRT leave the sockets and the TLS context to the kernel, SIGFPE does not.
 [[noreturn]] void short_release() {
     stop_serving();
     end_process();

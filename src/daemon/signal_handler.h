@@ -11,5 +11,5 @@ extern const std::map<std::int32_t, std::string> signal_names;
 // children for SIGCHLD; returns at once for any other signal.
 //
 // The first signal that ends the daemon decides the status; a later one changes nothing. Runs on any thread;
-// log/signal_hold.h tells how it avoids one that holds a log's lock.
+// log/signal_hold.h tells how it keeps off a thread that holds a log's lock.
 void signal_handler(std::int32_t number);

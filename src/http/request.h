@@ -5,17 +5,17 @@
 #include <string_view>
 #include <unordered_map>
 
-// The request line of a plain-HTTP request; a missing part is empty.
+// The request line of a request over plain HTTP or to a public site; a missing part is empty.
 struct RequestLine {
     std::string method;
     std::string target;
 };
 
-// Takes the first two words of a plain-HTTP request, with any white space around them. Intended: over plain HTTP a
-// query belongs to the target.
+// Takes the first two words of such a request, with any white space around them. Intended: a query belongs to the
+// target.
 RequestLine split_request_line(std::string_view text);
 
-// The target of an HTTPS request, divided at its first "?".
+// The target of a request over HTTPS, unless the site is public, divided at its first "?".
 struct TargetParts {
     std::string path;  // with the index file put in
     std::optional<std::string> query;

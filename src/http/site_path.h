@@ -20,5 +20,5 @@ OpenedFile open_site_file(const std::string& relative_path);
 
 // The same for a public site, whose website_path is canonical: a file beside the website is not allowed, whatever its
 // name begins with; a named pipe does not keep the caller waiting; a link that is put in place after the check is not
-// followed.
+// followed. Also throws std::system_error when no descriptor is left: the file may well be there.
 OpenedFile open_public_file(const std::string& relative_path);

@@ -103,8 +103,9 @@ void accept_connections(int listening_socket, const std::string& context, Thread
             }
             if (++idle_pauses % pauses_between_trims == 0) malloc_trim(0);
         } else {
-            // Intended: no pause before the next attempt.
+            // Intended: no pause before the next attempt, unless the site is public.
             log_to_targets(log_target_http, std::string("Error accept: ") + std::strerror(errno), context);
+            if (server_config.public_site) pause_after_failed_accept();
         }
     }
 }
@@ -115,7 +116,8 @@ void serve(const std::string& context) {
     if (listening_socket == -1) return;
 
     const bool is_public = server_config.public_site;
-    ThreadPool pool(is_public ? public_workers : worker_count, is_public ? handle_public_http : handle_http_client);
+    ThreadPool pool = is_public ? ThreadPool(public_workers, handle_public_http, public_waiting_limit)
+                                : ThreadPool(worker_count, handle_http_client);
     log_to_targets(log_target_http, "Server started on port " + std::to_string(server_config.port_http), context);
     log_to_targets(log_target_http, "Serving files from: " + server_config.website_path, context);
     accept_connections(listening_socket, context, pool);

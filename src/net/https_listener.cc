@@ -102,8 +102,10 @@ void accept_connections(const std::string& context, ThreadPool* public_pool) {
         socklen_t length = sizeof peer;
         const int client_socket = accept(listening_socket, reinterpret_cast<sockaddr*>(&peer), &length);
         if (client_socket == -1) {
-            // Intended: the address is that of no client, 0.0.0.0, and there is no pause before the next attempt.
+            // Intended: the address is that of no client, 0.0.0.0, and there is no pause before the next attempt,
+            // unless the site is public.
             log_event(log_target_https, inet_ntoa(peer.sin_addr), "Failed to accept HTTPS connection", context);
+            if (public_pool != nullptr) pause_after_failed_accept();
             continue;
         }
         if (public_pool != nullptr) {
@@ -115,7 +117,7 @@ void accept_connections(const std::string& context, ThreadPool* public_pool) {
 }
 
 void serve_public(const std::string& context) {
-    ThreadPool pool(public_workers, handle_public_https);
+    ThreadPool pool(public_workers, handle_public_https, public_waiting_limit);
     accept_connections(context, &pool);
 }
 

@@ -22,6 +22,7 @@ using Clock = std::chrono::steady_clock;
 constexpr std::chrono::milliseconds first_bytes_time{200};
 constexpr std::chrono::seconds request_time{10};
 constexpr std::chrono::seconds progress_time{60};
+constexpr std::chrono::seconds progress_check_time{1};
 constexpr std::size_t piece_size = 64 << 10;
 
 // Returns false when nothing has happened by the deadline.
@@ -98,13 +99,19 @@ bool Connection::wait_for_request(short event) const {
 }
 
 bool Connection::wait_for_progress(short event) const {
-    for (int unsent = count_unsent(client_socket);;) {
-        if (wait_until(client_socket, event, Clock::now() + progress_time)) return true;
+    int unsent = count_unsent(client_socket);
+    Clock::time_point deadline = Clock::now() + progress_time;
+    while (!wait_until(client_socket, event, Clock::now() + progress_check_time)) {
         // A slow client may have taken something without making room for a whole piece.
         const int still_unsent = count_unsent(client_socket);
-        if (still_unsent >= unsent) return false;
-        unsent = still_unsent;
+        if (still_unsent < unsent) {
+            unsent = still_unsent;
+            deadline = Clock::now() + progress_time;
+        } else if (Clock::now() >= deadline) {
+            return false;
+        }
     }
+    return true;
 }
 
 bool Connection::send_all(std::string_view bytes, int flags) {
@@ -129,7 +136,8 @@ TlsConnection::TlsConnection(int accepted_socket, SSL_CTX* context)
 }
 
 TlsConnection::~TlsConnection() {
-    if (!is_broken) SSL_shutdown(session);  // once: does not wait for the client's notification
+    const auto notify = [this] { return SSL_shutdown(session) == -1 ? -1 : 1; };  // the client need not answer
+    if (!is_broken) retry(notify, &TlsConnection::wait_for_progress);
     SSL_free(session);
 }
 

@@ -8,9 +8,8 @@
 #include <cstdint>
 #include <string_view>
 
-// One accepted connection of the public site, for one request and its answer. Every wait has a limit, so that no client
-// holds a worker: the request has to be whole within 10 seconds, and the answer must make progress within 60. An object
-// belongs to one thread.
+// One accepted connection of the public site, for one request and its answer. Every wait has a limit: the request has
+// to be whole within 10 seconds, and the answer must not rest for 60. An object belongs to one thread.
 class Connection {
   public:
     // Takes over client_socket, which is non-blocking, and closes it at the end.
@@ -19,8 +18,8 @@ class Connection {
     Connection(const Connection&) = delete;
     Connection& operator=(const Connection&) = delete;
 
-    // True when the client has sent something. Waits a moment: the kernel holds connections back until they have data, but
-    // not when a flood makes it use SYN cookies.
+    // True when the client has sent something. Waits a moment: the kernel holds connections back until they have data,
+    // but not when a flood makes it use SYN cookies.
     bool has_data() const;
 
     // Returns as recv does: the number of bytes, 0 at the client's end, -1 when the connection failed or the request
@@ -34,8 +33,8 @@ class Connection {
     // when the file ends early.
     virtual void send_file(std::string_view head, int file, std::uint64_t size);
 
-    // Makes the end wait until the client has read the answer: bytes of its request that nobody has read would reset
-    // the connection. Bounded by the time for the request.
+    // Says that bytes of the request may still come. The destructor then reads and drops them, as long as the time for
+    // the request lasts: bytes that nobody has read would reset the connection before the client has read the answer.
     void expect_more() { is_more_expected = true; }
 
   protected:
@@ -55,8 +54,7 @@ class Connection {
 // The same over TLS.
 class TlsConnection : public Connection {
   public:
-    // client_socket may still be blocking. Throws std::bad_alloc when no session can be made from context, which is
-    // null when the daemon ends.
+    // client_socket may still be blocking. Throws std::bad_alloc when no session can be made from context.
     TlsConnection(int client_socket, SSL_CTX* context);
     ~TlsConnection() override;
 

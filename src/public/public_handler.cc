@@ -105,7 +105,7 @@ class Exchange {
         send_file(descriptor, static_cast<std::uint64_t>(status.st_size), type_of(path, file.opened.canonical_name));
     }
 
-    // A name that no file can have is that of a missing file, with its reason in the log.
+    // A name that no file can have counts as that of a missing file; the reason is logged.
     OpenedFile open_file(const std::string& relative_path) {
         try {
             return open_public_file(relative_path);

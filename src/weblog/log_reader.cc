@@ -1,10 +1,10 @@
 #include "weblog/log_reader.h"
 
 #include <arpa/inet.h>
+#include <strings.h>
 #include <sys/stat.h>
 
 #include <algorithm>
-#include <cctype>
 #include <charconv>
 #include <cstdio>
 #include <ctime>
@@ -25,10 +25,14 @@ constexpr std::size_t longest_address = 15;
 constexpr std::size_t longest_request = 4096;  // what the daemon reads of one
 constexpr std::size_t longest_entry = longest_head + longest_address + longest_request + 3;
 constexpr std::size_t longest_rest = 1 << 16;
-// Where the text of a request has surely ended, and those of the requests that other threads logged in the middle of it.
-constexpr std::size_t longest_text = 16 * longest_entry;
 constexpr std::uint64_t patience = 1 << 20;  // bytes of the log, within which all entries of a request lie
 constexpr std::size_t most_threads = 128;    // more than the daemon has
+// How far the log may go on before the thread of a request logs again: meanwhile each other thread can log a request of
+// its own, as long as the daemon reads one. A new number that is seen in this stretch is not trusted.
+constexpr std::uint64_t longest_text = most_threads * longest_entry;
+
+constexpr std::size_t most_known = 8 << 20;  // bytes for names that were looked up
+constexpr std::size_t least_known = 128;     // what each takes beside its text
 
 // In a line. GoAccess takes what comes after 4095 bytes for a line of its own.
 constexpr std::size_t longest_request_line = 2000;
@@ -44,7 +48,7 @@ bool is_digit(char byte) {
     return byte >= '0' && byte <= '9';
 }
 
-// Takes what text has to begin with from its front.
+// Removes beginning from the front of text. Returns false when text does not begin with it.
 bool take(std::string_view& text, std::string_view beginning) {
     if (!text.starts_with(beginning)) return false;
     text.remove_prefix(beginning.size());
@@ -68,52 +72,32 @@ std::string_view take_line(std::string_view& text) {
     return line;
 }
 
-// The value of line if it is the header that is called lower_case_name, otherwise "".
-std::string_view header_value(std::string_view line, std::string_view lower_case_name) {
-    const auto is_same = [](char wanted, char byte) {
-        return wanted == std::tolower(static_cast<unsigned char>(byte));
-    };
-    if (line.size() < lower_case_name.size() ||
-        !std::equal(lower_case_name.begin(), lower_case_name.end(), line.begin(), is_same)) {
-        return "";
-    }
-    line.remove_prefix(lower_case_name.size());
+// The value of line if it is the header that is called name, otherwise "".
+std::string_view header_value(std::string_view line, std::string_view name) {
+    if (line.size() < name.size() || strncasecmp(line.data(), name.data(), name.size()) != 0) return "";
+    line.remove_prefix(name.size());
     return line.substr(std::min(line.find_first_not_of(" \t"), line.size()));
 }
 
-// Appends text in quotes, cut to length. Intended: quotes and backslashes become hexadecimal, too, so that a reader that
-// looks for the next quote is right.
+// Appends text in quotes, cut to length. Intended: quotes and backslashes become hexadecimal too, so that a reader
+// which looks for the next quote is right.
 void append_quoted(std::string& line, std::string_view text, std::size_t length) {
     constexpr char digits[] = "0123456789ABCDEF";
+    const auto is_plain = [](char byte) { return byte >= ' ' && byte <= '~' && byte != '"' && byte != '\\'; };
     if (text.empty()) text = "-";
     line += '"';
-    for (const char character : text) {
-        const auto byte = static_cast<unsigned char>(character);
-        const bool is_plain = byte >= 0x20 && byte < 0x7F && byte != '"' && byte != '\\';
-        const std::size_t size = is_plain ? 1 : 4;
-        if (size > length) break;
-        length -= size;
-        if (is_plain) {
-            line += character;
-        } else {
-            line += {'\\', 'x', digits[byte >> 4], digits[byte & 15]};
-        }
+    while (!text.empty()) {
+        const char* const special = std::find_if_not(text.begin(), text.end(), is_plain);
+        const auto count = std::min(static_cast<std::size_t>(special - text.begin()), length);
+        line += text.substr(0, count);
+        length -= count;
+        if (special == text.end() || length < 4) break;
+        text.remove_prefix(count + 1);
+        const auto byte = static_cast<unsigned char>(*special);
+        line += {'\\', 'x', digits[byte >> 4], digits[byte & 15]};
+        length -= 4;
     }
     line += '"';
-}
-
-// What the daemon would answer now: status and size.
-std::pair<int, std::uintmax_t> look_up(const std::string& site, const std::string& target) {
-    constexpr std::pair<int, std::uintmax_t> missing{404, 0};
-    try {
-        std::string name;
-        struct stat file;
-        if (target.empty() || !is_path_allowed(site, target.substr(1), &name)) return missing;
-        if (stat(name.c_str(), &file) != 0) return missing;
-        return {200, S_ISREG(file.st_mode) ? static_cast<std::uintmax_t>(file.st_size) : 0};
-    } catch (const std::filesystem::filesystem_error&) {
-        return missing;
-    }
 }
 
 }  // namespace
@@ -146,7 +130,7 @@ void LogReader::read(std::string_view bytes, std::string& lines) {
         is_at_line = true;
         write_certain(lines);
     }
-    if (text.size() - begin > longest_rest) {  // what is looked at is there; the rest of the entry is passed over
+    if (text.size() - begin > longest_rest) {  // all that matters of it is there; the rest of the entry is passed over
         take_entry(text.substr(begin));
         is_at_line = false;
         rest_position += text.size() - begin - longest_head;
@@ -160,6 +144,7 @@ void LogReader::tick(std::string& lines) {
     if (!is_growing && rest.ends_with('\n')) take_rest();
     is_growing = false;
     overdue = std::exchange(old, written + waiting.size());
+    known.clear();
     write_certain(lines);
 }
 
@@ -170,7 +155,8 @@ void LogReader::finish(std::string& lines) {
     write_certain(lines);
 }
 
-// Takes the rest as an entry, although no other one follows it. What may still come up to the next one is passed over.
+// Takes the rest as an entry, although no other one follows it yet. Bytes that still come before the next entry are
+// passed over.
 void LogReader::take_rest() {
     take_entry(rest);
     rest_position += rest.size();
@@ -201,8 +187,8 @@ LogReader::Thread& LogReader::thread_of(const Entry& entry) {
     return thread;
 }
 
-// True when the entry may be part of a request of another thread, which ends before that thread's next entry. A request
-// of a thread that does not count itself yet lies in one of a thread that does, so that one is enough.
+// True when the entry may be part of a request of another thread; such a request ends before that thread's next entry.
+// Only trusted threads are asked: what lies in the request of another thread lies in one of theirs too.
 bool LogReader::can_be_forged(const Entry& entry) const {
     return std::any_of(threads.begin(), threads.end(), [&](const auto& item) {
         const auto& [number, thread] = item;
@@ -250,8 +236,8 @@ void LogReader::begin_request(Thread& thread, const Entry& entry) {
     in_addr number;
     const bool is_address = address.find('\0') == address.npos && inet_pton(AF_INET, address.c_str(), &number) == 1;
     // "0.0.0.0 Failed to accept HTTPS connection" is no request.
-    if (!is_address || number.s_addr == 0 || !text.ends_with('\n')) return;
-    text = text.substr(address.size() + 1, text.size() - address.size() - 2);
+    if (!is_address || number.s_addr == 0) return;
+    text.remove_prefix(std::min(address.size() + 1, text.size()));
 
     thread.number = written + waiting.size();
     thread.context = entry.context;
@@ -262,9 +248,9 @@ void LogReader::begin_request(Thread& thread, const Entry& entry) {
     request.thread = entry.thread;
     request.position = entry.position;
     request.is_trusted = thread.is_trusted;
-    if (text == too_many_requests_text) {
+    if (text == std::string(too_many_requests_text) + '\n') {
         request.status = 429;
-        thread.text_end = 0;
+        thread.text_end = entry.position + longest_entry;  // a client can send the same text, and more
         text = "";
     }
     text.remove_prefix(std::min(text.find_first_not_of("\r\n"), text.size()));
@@ -274,8 +260,8 @@ void LogReader::begin_request(Thread& thread, const Entry& entry) {
     append_quoted(request.front, take_line(text), longest_request_line);
     std::string_view referrer, agent;
     for (std::string_view line; !(line = take_line(text)).empty();) {
-        if (referrer.empty()) referrer = header_value(line, "referer:");
-        if (agent.empty()) agent = header_value(line, "user-agent:");
+        if (referrer.empty()) referrer = header_value(line, "Referer:");
+        if (agent.empty()) agent = header_value(line, "User-Agent:");
     }
     request.back += ' ';
     append_quoted(request.back, referrer, longest_header);
@@ -322,14 +308,39 @@ void LogReader::write_certain(std::string& lines) {
     }
 }
 
-void LogReader::write(const Request& request, std::string& lines) const {
+void LogReader::write(const Request& request, std::string& lines) {
     lines += request.front;
     if (request.status == 0 && (!request.target || site.empty())) {
         lines += " 200 -";
     } else {
         const auto [status, size] =
-            request.status == 0 ? look_up(site, *request.target) : std::pair(request.status, request.size);
+            request.status == 0 ? answer_now(*request.target) : Answer(request.status, request.size);
         lines += ' ' + std::to_string(status) + ' ' + std::to_string(size);
     }
     lines += request.back;
+}
+
+// What the daemon would answer now. The file system is asked for a name at most once between ticks.
+LogReader::Answer LogReader::answer_now(const std::string& target) {
+    const auto found = known.find(target);
+    if (found != known.end()) return found->second;
+    if (known.empty() || known_size > most_known) {
+        known.clear();
+        known_size = 0;
+    }
+    known_size += target.size() + least_known;
+    return known[target] = look_up(target);
+}
+
+LogReader::Answer LogReader::look_up(const std::string& target) const {
+    constexpr Answer missing{404, 0};
+    try {
+        std::string name;
+        struct stat file;
+        if (target.empty() || !is_path_allowed(site, target.substr(1), &name)) return missing;
+        if (stat(name.c_str(), &file) != 0) return missing;
+        return {200, S_ISREG(file.st_mode) ? static_cast<std::uintmax_t>(file.st_size) : 0};
+    } catch (const std::filesystem::filesystem_error&) {
+        return missing;
+    }
 }

@@ -11,15 +11,15 @@
 
 // Turns one log of the daemon, of either server, into lines of the Combined Log Format: one for each request, in the
 // order of the log. What a client sent can neither end a line nor leave its quotes, and no line is longer than 4095
-// bytes. Takes constant memory.
+// bytes. Takes constant memory. To be used by one thread.
 //
 // A client can write lines into its request that look like entries, but it cannot know the numbers of the daemon's
-// threads. So a number that is new counts only once it is seen where no request can have put it. What it logged before
-// waits for that, and is dropped if it does not happen.
+// threads. So a new number is trusted only once it is seen where no request can have put it. The requests of its thread
+// wait for that, and are dropped if it does not happen.
 class LogReader {
   public:
-    // Status and size of a file that was sent are 200 and "-", or those of the file as it is now in website_path, which is
-    // canonical.
+    // A file that was sent has status 200 and size "-" or, with a canonical website_path, those that a request would
+    // have now.
     explicit LogReader(std::string website_path = "") : site(std::move(website_path)) {}
 
     // Takes the log's next bytes, cut anywhere, and appends to lines what has become certain.
@@ -33,6 +33,7 @@ class LogReader {
     void finish(std::string& lines);
 
   private:
+    using Answer = std::pair<int, std::uintmax_t>;  // its status, and the size of its body
     struct Entry {
         std::string_view time, context, message;
         std::uint64_t thread;
@@ -46,16 +47,16 @@ class LogReader {
         int status = 0;                     // 0 while nothing says that it was refused
         std::size_t size = 0;               // of the answer, if it was refused
         bool is_complete = false;           // no further entry can belong to it
-        bool is_trusted = false;            // its thread counted already
+        bool is_trusted = false;            // its thread was trusted when it began
     };
     struct Thread {
         bool is_trusted = false;
         std::uint64_t last_position = 0;
         // Of its last request:
         std::uint64_t number = 0;    // the log's first request is 0
-        std::uint64_t text_end = 0;  // the position where its text has ended
+        std::uint64_t text_end = 0;  // its text ends before this position
         std::string context, address;
-        enum { nothing, path, refusal } expected = nothing;  // as the next entry that belongs to it
+        enum { nothing, path, refusal } expected = nothing;  // the next entry that may belong to it
     };
 
     static bool split(std::string_view text, Entry& entry);
@@ -68,7 +69,9 @@ class LogReader {
     void begin_request(Thread& thread, const Entry& entry);
     void append_time(std::string& line, std::string_view time);
     void write_certain(std::string& lines);
-    void write(const Request& request, std::string& lines) const;
+    void write(const Request& request, std::string& lines);
+    Answer answer_now(const std::string& target);
+    Answer look_up(const std::string& target) const;
 
     const std::string site;
     std::string rest;  // of the log, from the last entry on
@@ -81,5 +84,7 @@ class LogReader {
     std::uint64_t old = 0;      // requests that had begun at the last tick
     std::uint64_t overdue = 0;  // and at the one before
     std::unordered_map<std::uint64_t, Thread> threads;
+    std::unordered_map<std::string, Answer> known;  // what was looked up since the last tick
+    std::size_t known_size = 0;
     std::string minute, minute_text, zone_text;  // the last one converted, and what it is in a line
 };

@@ -6,11 +6,13 @@
 
 #include <cerrno>
 #include <chrono>
+#include <climits>
 #include <cstdio>
 #include <deque>
 #include <filesystem>
 #include <iostream>
 #include <string>
+#include <string_view>
 #include <system_error>
 #include <thread>
 #include <vector>
@@ -24,7 +26,7 @@ constexpr char help_text[] =
 
   marlu-log [--site WEBSITE_PATH] [--follow] FILE...
       FILE is the log of either server, or "-" for standard input.
-      --site    Status and size of a file that was sent are those of the file as it is now, 404 and 0 if it is not there.
+      --site    Status and size of a file that was sent are those of the file as it is now, 404 and 0 if it is missing.
                 Without it they are 200 and "-", also where the HTTP server closed the connection without an answer.
       --follow  Goes on with what is added to the logs, also when one is emptied or replaced. Not for standard input.
       Exit status: 0, or 1 when a log cannot be read or the lines cannot be written.
@@ -33,7 +35,7 @@ constexpr char help_text[] =
 )";
 
 constexpr std::chrono::milliseconds tick_time{1000};
-constexpr std::chrono::milliseconds pause_time{100};
+constexpr std::chrono::milliseconds pause_time{20};
 
 [[noreturn]] void fail(const std::string& name) {
     throw std::system_error(errno, std::generic_category(), name);
@@ -59,7 +61,7 @@ class Log {
         struct stat opened, named;
         if (fstat(file, &opened) != 0) fail(name);
         const bool is_emptied = opened.st_size < place;
-        // A new file counts once something is in it: until its restart the daemon goes on with the one that was moved.
+        // A new file counts once something is in it: until its restart the daemon writes to the one that was moved.
         const bool is_replaced = stat(name.c_str(), &named) == 0 && named.st_ino != opened.st_ino && named.st_size > 0;
         const bool is_read = !is_emptied && read_some();
         if (!is_read && (is_emptied || is_replaced)) {
@@ -102,9 +104,15 @@ class Log {
         print();
     }
 
+    // Writes pieces that a pipe takes whole, so that its reader never finds half a line, which GoAccess would count as
+    // a line of its own. No line is longer than such a piece.
     void print() {
-        std::cout << lines << std::flush;
-        if (!std::cout) fail("standard output");
+        for (std::string_view left = lines; !left.empty();) {
+            const std::size_t size = left.size() <= PIPE_BUF ? left.size() : left.rfind('\n', PIPE_BUF - 1) + 1;
+            const ssize_t count = write(STDOUT_FILENO, left.data(), size);
+            if (count < 0) fail("standard output");
+            left.remove_prefix(static_cast<std::size_t>(count));
+        }
         lines.clear();
     }
 
@@ -151,7 +159,7 @@ int main(int argument_count, char** arguments) {
                 std::cout << help_text << std::flush;
                 return 0;
             } else {
-                return 1;  // it was told why
+                return 1;  // getopt_long has said why
             }
         }
         const std::vector<std::string> names(arguments + optind, arguments + argument_count);
