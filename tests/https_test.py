@@ -86,8 +86,8 @@ class Https(unittest.TestCase):
     def test_serves_on_after_connections_that_break_off(self):
         daemon = self.enterContext(TlsDaemon())
         write(f"{daemon.site}/large", LARGE)
-        daemon.answer("GET / ")
         descriptors = daemon.count("fd")
+        daemon.answer("GET / ")
         served = "127.0.0.1 GET / \n\n.*PATH = /index.html\n\n\n"
         refused = "SSL_accept <= 0\n(\\S*:error:.*\n)?\n"
         asked = ".*GET /large \n\n.*PATH.*\n\n\n"
