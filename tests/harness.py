@@ -3,8 +3,8 @@
 #
 # tests/harness.py PROGRAMS TEST [OPTION...]
 #
-# PROGRAMS is the directory of marluserver, marlu-check and marlu-log, TEST a file here without its ending; the options
-# are unittest's.
+# PROGRAMS is the directory of marluserver and marlu-check, TEST a file here without its ending; the options are
+# unittest's.
 import contextlib
 import ctypes
 import fcntl
