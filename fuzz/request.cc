@@ -66,7 +66,6 @@ void take_over_https(std::string_view text) {
         // The short way to a file leads where the long one does.
         const OpenedFile file = open_site_file(target.path.substr(1));
         require(file.is_allowed == is_allowed && file.canonical_name == name);
-        if (file.descriptor != -1) close(file.descriptor);
     } catch (const std::filesystem::filesystem_error&) {
         // Intended: a name that is too long ends the connection.
     }
@@ -77,8 +76,8 @@ void take_over_https(std::string_view text) {
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     server_config.website_path = site;
     const std::string_view text(reinterpret_cast<const char*>(data), size);
-    take_over_http(text.substr(0, 4096));  // what one read takes
-    take_over_https(text.substr(0, 4095));
+    take_over_http(text.substr(0, request_limit));  // what one read takes
+    take_over_https(text.substr(0, request_limit - 1));
     take_as_public(text);
     return 0;
 }

@@ -1,9 +1,13 @@
 #pragma once
 
+#include <cstddef>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <unordered_map>
+
+// Bytes of a request that are read at most. Over HTTPS, unless the site is public, the last of them is a NUL.
+inline constexpr std::size_t request_limit = 4096;
 
 // The request line of a request over plain HTTP or to a public site; a missing part is empty.
 struct RequestLine {

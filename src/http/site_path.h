@@ -2,6 +2,8 @@
 
 #include <string>
 
+#include "base/descriptor.h"
+
 // The rule that keeps requests inside the website directory: true when the canonical name of the file that
 // relative_path names there begins with website_path. Sets *canonical_name to that name, allowed or not. Neither
 // existence nor type of the file is checked. Throws std::filesystem::filesystem_error when the name cannot be made
@@ -11,7 +13,7 @@ bool is_path_allowed(const std::string& website_path, const std::string& relativ
 struct OpenedFile {
     bool is_allowed;
     std::string canonical_name;
-    int descriptor;  // the caller's; -1 when the file is not allowed or cannot be opened
+    Descriptor descriptor;  // none when the file is not allowed or cannot be opened
 };
 
 // Opens the file that relative_path names in the configured website, for reading, if is_path_allowed allows it. Throws

@@ -1,7 +1,6 @@
 #include "public/public_handler.h"
 
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <exception>
 #include <filesystem>
@@ -10,8 +9,9 @@
 #include <string>
 #include <string_view>
 
+#include "base/descriptor.h"
+#include "base/openssl.h"
 #include "config/server_config.h"
-#include "http/https_handler.h"
 #include "http/mime_types.h"
 #include "http/request.h"
 #include "http/responses.h"
@@ -23,8 +23,6 @@
 
 namespace {
 
-constexpr std::size_t request_limit = 4096;
-
 bool has_whole_head(std::string_view text) {
     return text.find("\r\n\r\n") != text.npos || text.find("\n\n") != text.npos;
 }
@@ -32,18 +30,6 @@ bool has_whole_head(std::string_view text) {
 bool ends_with_head(std::string_view text) {
     return text.ends_with("\r\n\r\n") || text.ends_with("\n\n");
 }
-
-// Closes what was opened.
-struct File {
-    explicit File(OpenedFile file) : opened(std::move(file)) {}
-    ~File() {
-        if (opened.descriptor != -1) close(opened.descriptor);
-    }
-    File(const File&) = delete;
-    File& operator=(const File&) = delete;
-
-    const OpenedFile opened;
-};
 
 // One request and its answer.
 class Exchange {
@@ -95,14 +81,14 @@ class Exchange {
         const std::string path = with_index_file(request.target.substr(0, request.target.find('?')));
         log({"PATH = ", path, "\n"});
         if (path.empty()) throw std::runtime_error("The request has no target");
-        const File file(open_file(path.substr(1)));
-        if (!file.opened.is_allowed) return refuse(forbidden_response);
+        const OpenedFile file = open_file(path.substr(1));
+        if (!file.is_allowed) return refuse(forbidden_response);
         struct stat status;
-        const int descriptor = file.opened.descriptor;
-        if (descriptor == -1 || fstat(descriptor, &status) != 0 || !S_ISREG(status.st_mode)) {
+        const int descriptor = file.descriptor.get();
+        if (!file.descriptor || fstat(descriptor, &status) != 0 || !S_ISREG(status.st_mode)) {
             return refuse(not_found_response);
         }
-        send_file(descriptor, static_cast<std::uint64_t>(status.st_size), type_of(path, file.opened.canonical_name));
+        send_file(descriptor, static_cast<std::uint64_t>(status.st_size), type_of(path, file.canonical_name));
     }
 
     // A name that no file can have counts as that of a missing file; the reason is logged.
@@ -111,7 +97,7 @@ class Exchange {
             return open_public_file(relative_path);
         } catch (const std::filesystem::filesystem_error& error) {
             log_error("Error handling client: ", error);
-            return {true, "", -1};
+            return {true, "", Descriptor()};
         }
     }
 
