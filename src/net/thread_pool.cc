@@ -42,5 +42,6 @@ void ThreadPool::work() {
         if (tasks.size() == waiting_limit / 2) has_room.notify_all();
         lock.unlock();
         handler(task);
+        ++served_count;
     }
 }

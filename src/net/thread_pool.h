@@ -1,7 +1,9 @@
 #pragma once
 
+#include <atomic>
 #include <condition_variable>
 #include <cstddef>
+#include <cstdint>
 #include <deque>
 #include <mutex>
 #include <thread>
@@ -28,6 +30,9 @@ class ThreadPool {
     // std::system_error when the lock fails.
     void enqueue(const ClientTask& task);
 
+    // The number of connections that the handler is done with. Callable from any thread.
+    std::uint64_t served() const { return served_count; }
+
   private:
     static constexpr std::size_t unlimited = static_cast<std::size_t>(-1);
 
@@ -42,4 +47,5 @@ class ThreadPool {
     std::condition_variable condition;
     std::condition_variable has_room;
     bool stop = false;
+    std::atomic<std::uint64_t> served_count{0};
 };
