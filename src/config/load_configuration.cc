@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <climits>
 #include <cstdint>
 #include <exception>
 #include <filesystem>
@@ -65,6 +66,7 @@ void read_site(const Settings& settings) {
     if (!server_config.start_http && !server_config.start_https) {
         throw std::runtime_error("No permission to start any server: start_http and/or start_https");
     }
+    admit_log_lines(server_config.start_http, server_config.start_https);
 }
 
 void require_file(const std::string& path, const std::string& key) {
@@ -162,7 +164,7 @@ bool load_configuration() {
 }
 
 std::string get_starting_directory() {
-    char target[4096];
+    char target[PATH_MAX];
     const ssize_t length = readlink("/proc/self/exe", target, sizeof target);
     if (length < 0) return "";
     return std::filesystem::path(std::string(target, static_cast<std::size_t>(length))).parent_path().string();
