@@ -9,7 +9,6 @@
 #include "http/request.h"
 #include "http/site_path.h"
 #include "input.h"
-#include "public/public_handler.h"
 
 namespace {
 
@@ -43,12 +42,6 @@ void take_over_http(std::string_view request) {
     }
 }
 
-// On a public site no request ends the daemon or keeps a worker waiting.
-void take_as_public(std::string_view request) {
-    const Sockets sockets(request);
-    handle_public_http({sockets.server, "127.0.0.1", "1"});
-}
-
 // What the HTTPS server makes of the text, up to the name of the file and the query.
 void take_over_https(std::string_view text) {
     const std::string request(text.substr(0, text.find('\0')));
@@ -78,6 +71,5 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const std::string_view text(reinterpret_cast<const char*>(data), size);
     take_over_http(text.substr(0, request_limit));  // what one read takes
     take_over_https(text.substr(0, request_limit - 1));
-    take_as_public(text);
     return 0;
 }

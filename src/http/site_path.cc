@@ -22,36 +22,13 @@ bool is_plain(std::string_view path) {
            path.find("/.") == path.npos && path.find('\0') == path.npos;
 }
 
-// Opens name, which is absolute and canonical, one directory after the other. Returns none when that fails.
-Descriptor open_step_by_step(const std::string& name, int flags) {
-    Descriptor descriptor(open("/", O_PATH));
-    for (std::size_t begin = 1; descriptor;) {
-        const std::size_t end = name.find('/', begin);
-        const bool is_last = end == name.npos;
-        const std::string part = name.substr(begin, end - begin);
-        const int part_flags = O_NOFOLLOW | (is_last ? flags : O_PATH | O_DIRECTORY);
-        descriptor = Descriptor(openat(descriptor.get(), part.c_str(), part_flags));
-        if (is_last) break;
-        begin = end + 1;
-    }
-    return descriptor;
-}
-
-// Opens name, which is absolute and canonical, if no link is on the way: what has been checked is what is opened.
-// Returns none when that fails.
-Descriptor open_without_links(const std::string& name, int flags) {
+// Opens name, which is absolute and canonical, if no link is on the way: what has been checked is what is opened. Old
+// kernels lack this system call, and some containers and service managers forbid it.
+Descriptor open_without_links(const std::string& name) {
     open_how how{};
-    how.flags = static_cast<unsigned>(flags);
+    how.flags = O_RDONLY;
     how.resolve = RESOLVE_NO_SYMLINKS;
-    Descriptor descriptor(static_cast<int>(syscall(SYS_openat2, AT_FDCWD, name.c_str(), &how, sizeof how)));
-    // Old kernels lack this system call, and some containers and service managers forbid it.
-    if (!descriptor && (errno == ENOSYS || errno == EPERM)) return open_step_by_step(name, flags);
-    return descriptor;
-}
-
-// True when name, which begins with website_path, is that of website_path or of something in it.
-bool is_inside(const std::string& website_path, const std::string& name) {
-    return website_path == "/" || name.size() == website_path.size() || name[website_path.size()] == '/';
+    return Descriptor(static_cast<int>(syscall(SYS_openat2, AT_FDCWD, name.c_str(), &how, sizeof how)));
 }
 
 }  // namespace
@@ -70,26 +47,10 @@ OpenedFile open_site_file(const std::string& relative_path) {
     // directory.
     std::string name = website_path + "/" + relative_path;
     if (!website_path.empty() && is_plain(name)) {
-        Descriptor descriptor = open_without_links(name, O_RDONLY);
+        Descriptor descriptor = open_without_links(name);
         if (descriptor) return {true, std::move(name), std::move(descriptor)};
     }
     const bool is_allowed = is_path_allowed(website_path, relative_path, &name);
     Descriptor descriptor(is_allowed ? open(name.c_str(), O_RDONLY) : -1);
     return {is_allowed, std::move(name), std::move(descriptor)};
-}
-
-OpenedFile open_public_file(const std::string& relative_path) {
-    const std::string& website_path = server_config.website_path;
-    std::string name = website_path + "/" + relative_path;
-    if (is_plain(name)) {
-        Descriptor descriptor = open_without_links(name, O_RDONLY | O_NONBLOCK);
-        if (descriptor) return {true, std::move(name), std::move(descriptor)};
-    }
-    if (name.find('\0') != name.npos)
-        return {true, std::move(name), Descriptor()};  // the system would see another name
-    const bool is_allowed = is_path_allowed(website_path, relative_path, &name) && is_inside(website_path, name);
-    if (!is_allowed) return {false, std::move(name), Descriptor()};
-    Descriptor descriptor = open_without_links(name, O_RDONLY | O_NONBLOCK);
-    if (!descriptor && (errno == EMFILE || errno == ENFILE)) throw std::system_error(errno, std::generic_category());
-    return {true, std::move(name), std::move(descriptor)};
 }

@@ -19,8 +19,3 @@ struct OpenedFile {
 // Opens the file that relative_path names in the configured website, for reading, if is_path_allowed allows it. Throws
 // what is_path_allowed throws. Callable from any thread.
 OpenedFile open_site_file(const std::string& relative_path);
-
-// The same for a public site, whose website_path is canonical: a file beside the website is not allowed, whatever its
-// name begins with; a named pipe does not keep the caller waiting; a link that is put in place after the check is not
-// followed. Also throws std::system_error when no descriptor is left: the file may well be there.
-OpenedFile open_public_file(const std::string& relative_path);

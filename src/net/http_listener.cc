@@ -17,15 +17,13 @@
 #include "base/descriptor.h"
 #include "config/server_config.h"
 #include "http/client_task.h"
-#include "http/http_handler.h"
 #include "http/responses.h"
 #include "log/log.h"
 #include "net/rate_limiter.h"
 #include "net/run_state.h"
 #include "net/server.h"
 #include "net/thread_pool.h"
-#include "public/listening.h"
-#include "public/public_handler.h"
+#include "public/public_server.h"
 
 namespace {
 
@@ -52,7 +50,6 @@ int open_listening_socket() {
         const int error = errno;
         throw SetUpError(std::string("Error setsockopt: ") + std::strerror(error));
     }
-    if (server_config.public_site) prepare_public_socket(listening_socket.get());
     const sockaddr_in address = any_address(server_config.port_http);
     if (bind(listening_socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) < 0) {
         throw SetUpError("Bind failed");
@@ -86,19 +83,14 @@ void accept_connections(int listening_socket, const std::string& context, Thread
             idle_pauses = 0;
             admit_or_refuse(client_socket, peer, context, pool);
         } else if (errno == EAGAIN) {
-            if (server_config.public_site) {
-                wait_for_connection(listening_socket);
-            } else {
-                std::this_thread::sleep_for(idle_pause);
-            }
+            std::this_thread::sleep_for(idle_pause);
             if (++idle_pauses % pauses_between_trims == 0 && pool.served() != served_at_trim) {
                 served_at_trim = pool.served();
                 malloc_trim(0);
             }
         } else {
-            // Intended: no pause before the next attempt, unless the site is public.
+            // Intended: no pause before the next attempt.
             log_to_targets(log_target_http, std::string("Error accept: ") + std::strerror(errno), context);
-            if (server_config.public_site) pause_after_failed_accept();
         }
     }
 }
@@ -106,9 +98,7 @@ void accept_connections(int listening_socket, const std::string& context, Thread
 void serve(const std::string& context) {
     // Intended: after an exception the listening socket stays open, until the process ends.
     const int listening_socket = open_listening_socket();
-    const bool is_public = server_config.public_site;
-    ThreadPool pool = is_public ? ThreadPool(public_workers, handle_public_http, public_waiting_limit)
-                                : ThreadPool(worker_count, handle_http_client);
+    ThreadPool pool(worker_count);
     log_to_targets(log_target_http, "Server started on port " + std::to_string(server_config.port_http), context);
     log_to_targets(log_target_http, "Serving files from: " + server_config.website_path, context);
     accept_connections(listening_socket, context, pool);
@@ -118,5 +108,5 @@ void serve(const std::string& context) {
 }  // namespace
 
 void start_server_http() {
-    run_server(log_target_http, serve);
+    run_server(log_target_http, server_config.public_site ? serve_public_http : serve);
 }

@@ -17,15 +17,12 @@
 #include "log/log.h"
 #include "net/run_state.h"
 #include "net/server.h"
-#include "net/thread_pool.h"
 #include "net/tls_context.h"
-#include "public/listening.h"
-#include "public/public_handler.h"
+#include "public/public_server.h"
 
 namespace {
 
 constexpr int backlog = 128;
-constexpr int public_backlog = 4096;
 constexpr time_t receive_timeout_seconds = 10;
 
 bool cipher_list_walked = true;  // Intended: true means not yet; the first connection clears it.
@@ -39,16 +36,12 @@ int set_up() {
     if (!packet_socket) throw SetUpError("Failed to create RAW socket");
     Descriptor listening_socket(socket(AF_INET, SOCK_STREAM, 0));
     if (!listening_socket) throw SetUpError("Failed to create HTTPS socket");
-    // Intended: no SO_REUSEADDR unless the site is public, and the socket stays blocking.
-    if (server_config.public_site) prepare_public_socket(listening_socket.get());
+    // Intended: no SO_REUSEADDR, and the socket stays blocking.
     const sockaddr_in address = any_address(server_config.port_https);
     if (bind(listening_socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) < 0) {
         throw SetUpError("Failed to bind HTTPS socket");
     }
-    if (listen(listening_socket.get(), server_config.public_site ? public_backlog : backlog) < 0) {
-        throw SetUpError("Failed to listen on HTTPS socket");
-    }
-    if (server_config.public_site && SSL_CTX_up_ref(context.get()) == 1) public_ssl_context = context.get();
+    if (listen(listening_socket.get(), backlog) < 0) throw SetUpError("Failed to listen on HTTPS socket");
     ssl_context = context.release();
     raw_socket = packet_socket.release();
     const int descriptor = listening_socket.release();
@@ -93,24 +86,17 @@ void serve_connection(Descriptor client_socket, const in_addr& peer, const std::
     connection.join();  // Intended: one connection at a time.
 }
 
-// public_pool serves the connections of a public site; it is null for any other.
-void accept_connections(int listening_socket, const std::string& context, ThreadPool* public_pool) {
+void accept_connections(int listening_socket, const std::string& context) {
     while (server_running) {
         sockaddr_in peer{};
         socklen_t length = sizeof peer;
         const int client_socket = accept(listening_socket, reinterpret_cast<sockaddr*>(&peer), &length);
         if (client_socket == -1) {
-            // Intended: the address is that of no client, 0.0.0.0, and there is no pause before the next attempt,
-            // unless the site is public.
+            // Intended: the address is that of no client, 0.0.0.0, and there is no pause before the next attempt.
             log_event(log_target_https, inet_ntoa(peer.sin_addr), "Failed to accept HTTPS connection", context);
-            if (public_pool != nullptr) pause_after_failed_accept();
             continue;
         }
-        if (public_pool != nullptr) {
-            public_pool->enqueue({client_socket, inet_ntoa(peer.sin_addr), context});
-        } else {
-            serve_connection(Descriptor(client_socket), peer.sin_addr, context);
-        }
+        serve_connection(Descriptor(client_socket), peer.sin_addr, context);
     }
 }
 
@@ -119,17 +105,12 @@ void serve(const std::string& context) {
     const int listening_socket = set_up();
     log_to_targets(log_target_https, "Server started on port " + std::to_string(server_config.port_https), context);
     log_to_targets(log_target_https, "Serving files from: " + server_config.website_path, context);
-    if (server_config.public_site) {
-        ThreadPool pool(public_workers, handle_public_https, public_waiting_limit);
-        accept_connections(listening_socket, context, &pool);
-    } else {
-        accept_connections(listening_socket, context, nullptr);
-    }
+    accept_connections(listening_socket, context);
     release();
 }
 
 }  // namespace
 
 void start_server_https() {
-    run_server(log_target_https, serve);
+    run_server(log_target_https, server_config.public_site ? serve_public_https : serve);
 }
