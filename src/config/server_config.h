@@ -26,9 +26,11 @@ struct ServerConfig {
     std::string cipher_list;
     std::int32_t port_http = 80;  // any number: only its low 16 bits reach the socket
     std::int32_t port_https = 443;
-    std::unordered_set<std::string> cache_ignore_paths;  // canonical names of the files that are never cached
 };
 
 // Never destroyed, like every object that a thread may still use while the process exits: the daemon ends while its
 // threads go on.
 inline ServerConfig& server_config = *new ServerConfig;
+
+// The canonical names of the files that are never cached. Written and read like server_config, and never destroyed.
+inline std::unordered_set<std::string>& cache_ignore_paths = *new std::unordered_set<std::string>;

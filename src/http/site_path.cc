@@ -49,6 +49,12 @@ Descriptor open_without_links(const std::string& name, int flags) {
     return descriptor;
 }
 
+// Intended: website_path counts as written and no "/" need follow it, so /srv/www admits /srv/www-old too, and a
+// website_path that is not canonical admits nothing, unless canonical names happen to begin with it.
+bool has_website_path(const std::string& name) {
+    return name.starts_with(server_config.website_path);
+}
+
 // True when name, which begins with website_path, is that of website_path or of something in it.
 bool is_inside(const std::string& website_path, const std::string& name) {
     return website_path == "/" || name.size() == website_path.size() || name[website_path.size()] == '/';
@@ -56,12 +62,13 @@ bool is_inside(const std::string& website_path, const std::string& name) {
 
 }  // namespace
 
-bool is_path_allowed(const std::string& website_path, const std::string& relative_path, std::string* canonical_name) {
-    const std::filesystem::path path = std::filesystem::path(website_path) / relative_path;
-    *canonical_name = std::filesystem::weakly_canonical(path).string();
-    // Intended: website_path counts as written and no "/" need follow it, so /srv/www admits /srv/www-old too, and a
-    // website_path that is not canonical admits nothing.
-    return canonical_name->starts_with(website_path);
+std::string canonical_name(const std::string& relative_path) {
+    const std::filesystem::path path = std::filesystem::path(server_config.website_path) / relative_path;
+    return std::filesystem::weakly_canonical(path).string();
+}
+
+bool is_path_allowed(const std::string& relative_path) {
+    return has_website_path(canonical_name(relative_path));
 }
 
 OpenedFile open_site_file(const std::string& relative_path) {
@@ -73,7 +80,8 @@ OpenedFile open_site_file(const std::string& relative_path) {
         Descriptor descriptor = open_without_links(name, O_RDONLY);
         if (descriptor) return {true, std::move(name), std::move(descriptor)};
     }
-    const bool is_allowed = is_path_allowed(website_path, relative_path, &name);
+    name = canonical_name(relative_path);
+    const bool is_allowed = has_website_path(name);
     Descriptor descriptor(is_allowed ? open(name.c_str(), O_RDONLY) : -1);
     return {is_allowed, std::move(name), std::move(descriptor)};
 }
@@ -87,8 +95,8 @@ OpenedFile open_public_file(const std::string& relative_path) {
     }
     if (name.find('\0') != name.npos)
         return {true, std::move(name), Descriptor()};  // the system would see another name
-    const bool is_allowed = is_path_allowed(website_path, relative_path, &name) && is_inside(website_path, name);
-    if (!is_allowed) return {false, std::move(name), Descriptor()};
+    name = canonical_name(relative_path);
+    if (!has_website_path(name) || !is_inside(website_path, name)) return {false, std::move(name), Descriptor()};
     Descriptor descriptor = open_without_links(name, O_RDONLY | O_NONBLOCK);
     if (!descriptor && (errno == EMFILE || errno == ENFILE)) throw std::system_error(errno, std::generic_category());
     return {true, std::move(name), std::move(descriptor)};
