@@ -52,8 +52,8 @@ void take_over_https(std::string_view text) {
         require(('&' + *target.query + '&').find('&' + key + '=' + value + '&') != std::string::npos);
     }
     try {
-        std::string name;
-        const bool is_allowed = is_path_allowed(site, target.path.substr(1), &name);
+        const std::string name = canonical_name(target.path.substr(1));
+        const bool is_allowed = is_path_allowed(target.path.substr(1));
         require(is_allowed == name.starts_with(site));
         require(std::filesystem::path(name).lexically_normal() == name);  // nothing is left that could lead elsewhere
         // The short way to a file leads where the long one does.

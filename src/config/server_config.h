@@ -39,10 +39,11 @@ struct ServerConfig {
     std::vector<HeaderRule> header_rules;      // from headers_file, in its order
     std::vector<std::string> trusted_proxies;  // addresses as logs write them
     bool https_only = false;                   // HTTP redirects to HTTPS
-
-    std::unordered_set<std::string> cache_ignore_paths;  // canonical names of the files that are never cached
 };
 
 // Never destroyed, like every object that a thread may still use while the process exits: the daemon ends while its
 // threads go on.
 inline ServerConfig& server_config = *new ServerConfig;
+
+// The canonical names of the files that are never cached. Written and read like server_config, and never destroyed.
+inline std::unordered_set<std::string>& cache_ignore_paths = *new std::unordered_set<std::string>;

@@ -77,24 +77,23 @@ class Exchange {
 
         const TargetParts target = split_target(request_text);
         log_request({"PATH = ", target.path, "\n"});
-        const std::string& website_path = server_config.website_path;
-        std::string canonical_name;
-        if (!is_path_allowed(website_path, target.path.substr(1), &canonical_name)) return refuse(forbidden_response);
+        const std::string relative_path = target.path.substr(1);
+        if (!is_path_allowed(relative_path)) return refuse(forbidden_response);
         if (target.query) parse_query(*target.query);  // Intended: nothing asks for the result.
-        send_file(canonical_name, website_path + target.path);
+        send_file(canonical_name(relative_path), server_config.website_path + target.path);
     }
 
-    // Intended: the cache and its ignore list know a file by canonical_name; the content type follows direct_name,
+    // Intended: the cache and its ignore list know a file by its canonical name; the content type follows direct_name,
     // under which a listed file is also opened.
-    void send_file(const std::string& canonical_name, const std::string& direct_name) {
+    void send_file(const std::string& cached_name, const std::string& direct_name) {
         std::unique_ptr<MappedFile> uncached;
         const MappedFile* file = nullptr;
         try {
-            if (server_config.cache_ignore_paths.contains(canonical_name)) {
+            if (cache_ignore_paths.contains(cached_name)) {
                 uncached = std::make_unique<MappedFile>(direct_name);
                 file = uncached.get();
             } else {
-                file = file_cache.get(canonical_name);
+                file = file_cache.get(cached_name);
             }
         } catch (...) {
             return refuse(not_found_response);

@@ -31,14 +31,21 @@ Descriptor open_without_links(const std::string& name) {
     return Descriptor(static_cast<int>(syscall(SYS_openat2, AT_FDCWD, name.c_str(), &how, sizeof how)));
 }
 
+// Intended: website_path counts as written and no "/" need follow it, so /srv/www admits /srv/www-old too, and a
+// website_path that is not canonical admits nothing, unless canonical names happen to begin with it.
+bool has_website_path(const std::string& name) {
+    return name.starts_with(server_config.website_path);
+}
+
 }  // namespace
 
-bool is_path_allowed(const std::string& website_path, const std::string& relative_path, std::string* canonical_name) {
-    const std::filesystem::path path = std::filesystem::path(website_path) / relative_path;
-    *canonical_name = std::filesystem::weakly_canonical(path).string();
-    // Intended: website_path counts as written and no "/" need follow it, so /srv/www admits /srv/www-old too, and a
-    // website_path that is not canonical admits nothing.
-    return canonical_name->starts_with(website_path);
+std::string canonical_name(const std::string& relative_path) {
+    const std::filesystem::path path = std::filesystem::path(server_config.website_path) / relative_path;
+    return std::filesystem::weakly_canonical(path).string();
+}
+
+bool is_path_allowed(const std::string& relative_path) {
+    return has_website_path(canonical_name(relative_path));
 }
 
 OpenedFile open_site_file(const std::string& relative_path) {
@@ -50,7 +57,8 @@ OpenedFile open_site_file(const std::string& relative_path) {
         Descriptor descriptor = open_without_links(name);
         if (descriptor) return {true, std::move(name), std::move(descriptor)};
     }
-    const bool is_allowed = is_path_allowed(website_path, relative_path, &name);
+    name = canonical_name(relative_path);
+    const bool is_allowed = has_website_path(name);
     Descriptor descriptor(is_allowed ? open(name.c_str(), O_RDONLY) : -1);
     return {is_allowed, std::move(name), std::move(descriptor)};
 }
