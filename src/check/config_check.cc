@@ -93,7 +93,7 @@ std::string check_servers() {
     const auto port = static_cast<std::uint16_t>(config.port_http);
     const bool is_equal = port != 0 && port == static_cast<std::uint16_t>(config.port_https);
     if (config.start_http && config.start_https && is_equal) {
-        throw std::runtime_error("[port_http] and [port_https] are the same: only one of the servers can bind it");
+        throw std::runtime_error("[port_http] and [port_https] are equal: only one server can bind it");
     }
     std::string certificate;
     if (config.start_http) check_port_of("port_http", config.port_http);
