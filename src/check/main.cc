@@ -4,9 +4,8 @@
 #include <string>
 
 #include "check/config_check.h"
-#include "check/port_wait.h"
+#include "check/ports.h"
 #include "check/site_files.h"
-#include "config/load_configuration.h"
 #include "config/server_config.h"
 
 namespace {
@@ -15,15 +14,15 @@ constexpr char help_text[] =
     R"(marlu-check validates a configuration or a website for marluserver. It starts nothing and changes nothing.
 
   marlu-check config FILE
-      Reads the configuration FILE as the daemon does. Prints "OK" and a summary, or the daemon's own error text.
-      Warns of anything that the daemon accepts and nobody wants: a port outside 1 to 65535, an unknown key, a switch
-      other than yes, y, no or n, a certificate that has expired or does not match its key, a missing permission for a
-      port or the packet socket; and without public_site=yes: a website_path that is not canonical (every request is
+      Reads the configuration FILE as the daemon does and tries what the servers will open. Prints "OK" and a summary,
+      or what ends the daemon. Warns of anything that the daemon accepts and nobody wants: a port outside 1 to 65535,
+      an unknown key, a switch other than yes, y, no or n, a certificate that has expired, a log that is a pipe without
+      a reader; and without public_site=yes: a website_path with which no canonical name begins (every request is
       answered 403) or with which the name of another file or directory begins (that is served too), files that share
-      a cache slot and are not on the cache-ignore list (wrong bytes over HTTPS). Run it as the daemon's user and with
-      its capabilities.
-      Exit status: 0, with or without warnings, or 1 when the daemon would refuse the configuration or could not start
-      HTTPS with it.
+      a cache slot and are not on the cache-ignore list (wrong bytes over HTTPS). Run it as the daemon's user, marlu,
+      and with its capabilities.
+      Exit status: 0, with or without warnings, when the daemon would start with it now, its pid file and ports in use
+      apart; otherwise 1.
 
   marlu-check list WEBSITE_PATH
       Prints the cache-ignore list with which HTTPS serves every file below WEBSITE_PATH with its own bytes. In each
@@ -69,7 +68,7 @@ int run(const std::string& command, const std::string& argument) {
         if (command == "config") {
             check_config(argument);
         } else {
-            read_server_settings(read_as_the_daemon(argument), "");
+            load_as_the_daemon(argument);
             wait_for_ports();
         }
         return 0;
