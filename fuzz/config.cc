@@ -44,8 +44,9 @@ void take_settings(std::string_view text) {
 void take_list(std::string_view text) {
     server_config = ServerConfig();
     server_config.website_path = site;
+    cache_ignore_paths.clear();
     load_cache_ignore(file_of(text), "");
-    for (const std::string& path : server_config.cache_ignore_paths) {
+    for (const std::string& path : cache_ignore_paths) {
         require(path.starts_with(site) && std::filesystem::path(path).lexically_normal() == path);
     }
 }

@@ -54,6 +54,8 @@ class Config(unittest.TestCase):
             (separate + crt + "key_file=/none", MISSING + "File missing. [key_file]"),
             (separate + crt + key + "chain_file=/none", MISSING + "File missing. [chain_file]"),
             (HTTPS + "cipher_list=\nport=x", "The list of ciphers is incorrect. [cipher_list]"),
+            (pem + "/mismatch.pem", "Private Key does not match the Certificate"),
+            (HTTPS + f"key_file={TLS}/root.key", "Failed to load certificate or private key"),
             (HTTPS + "cipher_list=none", "Error installing cipher list: none"),
             (HTTPS + "cache_ignore=/run", MISSING + "[cache_ignore]"),
         ]
@@ -93,7 +95,7 @@ class Config(unittest.TestCase):
             (HTTPS + f"website_path={SITE}\ncache_ignore={WORK}/list", f"{len(read(f'{WORK}/list').split())} files", ""),
             (HTTPS + "start_http=y\nport=8443", "port 8443", "[port_http] and [port_https] are the same"),
             (HTTPS + f"crt_file={TLS}/expired.crt", "CN = good, ", "the certificate has expired"),
-            (HTTPS + f"key_file={TLS}/root.key", "", "the private key does not match the certificate"),
+            (HTTPS + f"key_file={TLS}/weak.key", "", "the private key is not of the certificate's type"),
             (HTTPS, "", "no permission here for the packet socket", "setpriv --bounding-set -net_raw"),
             (HTTPS + "port_https=443", "", "[port_https] no permission", "setpriv --bounding-set -net_bind_service"),
         ]

@@ -3,8 +3,8 @@
 #
 # tests/harness.py PROGRAMS TEST [OPTION...]
 #
-# PROGRAMS is the directory of marluserver, marlu-check and marlu-log, TEST a file here without its ending; the options
-# are unittest's.
+# PROGRAMS is the directory of marluserver and marlu-check, TEST a file here without its ending; the options are
+# unittest's.
 import contextlib
 import ctypes
 import fcntl
@@ -87,7 +87,7 @@ def wait_until(condition):
 
 
 def is_listening(port):
-    return f":{port:04X} 00000000:0000 0A" in read("/proc/net/tcp")
+    return re.search(f":{port:04X} 0+:0000 0A", read("/proc/net/tcp") + read("/proc/net/tcp6")) is not None
 
 
 def connect(port, source="127.0.0.1"):

@@ -25,7 +25,7 @@ extern "C" int clock_gettime(clockid_t clock, timespec* time) noexcept {
 TEST(banner, that_cannot_be_opened_is_not_printed) {
     EXPECT_EXIT(print_version(), testing::KilledBySignal(SIGQUIT), "") << "the stored key is not corrected yet";
     *key_fix_pointer = static_cast<char>(*key_fix_pointer - 3);
-    const std::string key = base64_decode(stored_key_text), banner = base64_decode(stored_banner_text);
+    const std::string key = base64_decode(stored_key_text), banner = base64_decode(VersionBanner);
     EXPECT_TRUE(rsa_decrypt_private(banner, key).starts_with("marlu "));
     EXPECT_THROW(rsa_decrypt_private(banner, "no key"), std::runtime_error);
 }

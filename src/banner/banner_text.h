@@ -24,7 +24,7 @@ inline char stored_key_text[] =
     "T1R6YktPNTdxTUdQQ1NaRThSTG1jbCtqaXZWcjhNSnU0ClFFS3hBb0dBT3UwOUNlOHZJMGJnZ1dnREVLakZTY0VlNXFhSk83d1hDK0xNbm54bzI5"
     "aVcvR0I2cGNUSzFYcEwKRjgwa1BRMS93ZXFPa1VSbDRkaGlJUHRoQ3RnU1ZsZEliSWVYZGxLd05ucVk5dHM2bHkxK3BTQ1BnTnJTaVlWOApUdUpo"
     "WGVjb2dBUGVVV2FqNGZDbzlmRGkxbEp0M1FEaGRkWUtFQnU4bWpVT0VQVkM4L2M9Ci0tLS0tRU5EIFJTQSBQUklWQVRFIEtFWS0tLS0tCg==";
-inline constexpr char stored_banner_text[] =
+inline constexpr char VersionBanner[] =
     "N9X3F0Y8m2WYAo3YyMvbwB32SbA28gCKan6+avPVqf6s+xWcju+A96A5/WCc3ZXEeJaxfKgziMSaXu0jP4+/Qmzql5u8TPmPcfaJQF//LbuGiNIw"
     "Ew8mhYF6aeHGnSZ05LLJPagM4+VNXypibOaHGiOw9IaDO7ujlm/xWg1b3/iXTmsBjEejrAsbAtkiYc5LofZVU+Km4RlxB7fOBji1BILetuP90yzq"
     "ovo0a0BFoAWpGfpOdTKVeFQYxUfiznV4Nr1rhYVDM/Um9vJqjcX7eKZ0xosTXVCfGM4qk8cXZWdnJ+jwhn9SPIGDXkSxO4ngratxnbcH1TkMkhUw"

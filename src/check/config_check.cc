@@ -128,9 +128,9 @@ bool warn_of_neighbours() {
 }
 
 bool warn_of_cache_slots() {
-    std::vector<SiteFile> cached = find_site_files(server_config.website_path).files;
+    std::vector<SiteFile> cached = find_site_files().files;
     std::erase_if(cached,
-                  [](const SiteFile& file) { return server_config.cache_ignore_paths.contains(file.canonical_name); });
+                  [](const SiteFile& file) { return cache_ignore_paths.contains(file.canonical_name); });
     const std::vector<SiteFile> missing = files_to_ignore(cached);
     if (missing.empty()) return false;
     warn("[cache_ignore] " + std::to_string(missing.size()) +
@@ -165,7 +165,7 @@ void print_summary(const std::string& certificate) {
         std::cout << "HTTPS        "
                   << server_summary(config.port_https, config.https_log_enabled, config.https_log_file) << '\n'
                   << "certificate  " << certificate << '\n';
-        if (!config.public_site) std::cout << "not cached   " << config.cache_ignore_paths.size() << " files\n";
+        if (!config.public_site) std::cout << "not cached   " << cache_ignore_paths.size() << " files\n";
     }
     std::cout << std::flush;
 }

@@ -7,6 +7,7 @@
 #include "check/port_wait.h"
 #include "check/site_files.h"
 #include "config/load_configuration.h"
+#include "config/server_config.h"
 
 namespace {
 
@@ -47,9 +48,9 @@ int refuse(const std::string& message) {
 
 int print_list(const std::string& path) {
     std::error_code error;
-    const std::string website_path = std::filesystem::canonical(path, error).string();
-    if (error || !std::filesystem::is_directory(website_path)) return refuse("Not a directory: " + path);
-    const Site site = find_site_files(website_path);
+    server_config.website_path = std::filesystem::canonical(path, error).string();
+    if (error || !std::filesystem::is_directory(path)) return refuse("Not a directory: " + path);
+    const Site site = find_site_files();
     for (const SiteFile& file : files_to_ignore(site.files)) {
         if (file.is_listable) {
             std::cout << file.entry << '\n';

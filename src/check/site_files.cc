@@ -9,6 +9,7 @@
 #include <set>
 
 #include "config/config_file.h"
+#include "config/server_config.h"
 #include "http/file_cache.h"
 #include "http/site_path.h"
 
@@ -18,8 +19,6 @@ namespace fs = std::filesystem;
 
 class Search {
   public:
-    explicit Search(const std::string& path) : website_path(path) {}
-
     Site site;
 
     // relative is the path of a directory below the website, or "" for the website itself.
@@ -42,34 +41,34 @@ class Search {
         std::error_code error;
         const fs::path path = website_path / relative;
         const fs::file_status status = fs::status(path, error);
-        std::string canonical_name;
         if (relative.string().find_first_of(" ?") != std::string::npos) {
             leave_out(relative, "a name with a blank or \"?\" cannot be requested");
         } else if (!fs::exists(status)) {
             leave_out(relative, error.message());
-        } else if (!is_path_allowed(website_path.string(), relative.string(), &canonical_name)) {
+        } else if (!is_path_allowed(relative.string())) {
             leave_out(relative, "leads out of the website directory (403)");
         } else if (fs::is_directory(status)) {
             look_through(relative);
         } else if (!fs::is_regular_file(status)) {
             leave_out(relative, "not a regular file");
         } else {
-            take(relative, canonical_name);
+            take(relative);
         }
     }
 
-    void take(const fs::path& relative, const std::string& canonical_name) {
+    void take(const fs::path& relative) {
         const std::string entry = relative.string();
+        const std::string name = canonical_name(entry);
         std::error_code error;
-        const std::uintmax_t size = fs::file_size(canonical_name, error);
-        if (access(canonical_name.c_str(), R_OK) != 0) {
+        const std::uintmax_t size = fs::file_size(name, error);
+        if (access(name.c_str(), R_OK) != 0) {
             leave_out(relative, "cannot be read (404)");
         } else if (size == 0) {
             leave_out(relative, "empty (404 over HTTPS)");
-        } else if (files_seen.insert(canonical_name).second) {
+        } else if (files_seen.insert(name).second) {
             if (size > INT_MAX) leave_out(relative, "too large (HTTPS sends the head only)");
             const bool is_listable = trim(entry) == entry && entry.find('\n') == std::string::npos;
-            site.files.push_back({entry, canonical_name, size, is_listable});
+            site.files.push_back({entry, name, size, is_listable});
         }
     }
 
@@ -77,15 +76,15 @@ class Search {
         site.unserved.push_back((relative.empty() ? "." : relative.string()) + ": " + reason);
     }
 
-    const fs::path website_path;
+    const fs::path website_path = server_config.website_path;
     std::set<std::string> directories_seen;
     std::set<std::string> files_seen;
 };
 
 }  // namespace
 
-Site find_site_files(const std::string& website_path) {
-    Search search(website_path);
+Site find_site_files() {
+    Search search;
     search.look_through("");
     const auto by_entry = [](const SiteFile& a, const SiteFile& b) { return a.entry < b.entry; };
     std::sort(search.site.files.begin(), search.site.files.end(), by_entry);

@@ -18,8 +18,8 @@ struct Site {
     std::vector<std::string> unserved;  // "entry: reason" for what HTTPS cannot serve
 };
 
-// Searches website_path, which must be canonical, and the directories that links in it lead to.
-Site find_site_files(const std::string& website_path);
+// Searches the website_path of server_config and the directories that links in it lead to.
+Site find_site_files();
 
 // Returns the files that a cache-ignore list must hold so that every file is served with its own bytes: in each slot
 // all but one, the largest or one that is not listable; and while those that are left do not fit into the cache

@@ -15,7 +15,7 @@ void add_entry(const std::string& entry, const std::string& context) {
     const std::string path = std::filesystem::weakly_canonical(std::filesystem::path(website_path) / entry).string();
     // Intended: website_path counts as written, so one that is not canonical admits no entry.
     if (path.starts_with(website_path)) {
-        server_config.cache_ignore_paths.insert(path);
+        cache_ignore_paths.insert(path);
         log_shutdown_message("ADD: path to non-cached file: " + path, context);
         return;
     }

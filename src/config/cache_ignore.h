@@ -2,7 +2,7 @@
 
 #include <string>
 
-// Reads the text file list_file, which names the files that are never cached, into server_config.cache_ignore_paths.
+// Reads the text file list_file, which names the files that are never cached, into cache_ignore_paths.
 // Each line is one path relative to website_path. A path that leads out of the website directory is logged and left
 // out. For the configuration loader, once website_path is set. context is that of the log lines. Throws
 // std::runtime_error when list_file is no regular file or cannot be opened, std::filesystem::filesystem_error when a

@@ -14,11 +14,6 @@ bool is_space(char character) {
     return std::isspace(static_cast<unsigned char>(character)) != 0;
 }
 
-std::string lower_case(std::string text) {
-    for (char& character : text) character = static_cast<char>(std::tolower(static_cast<unsigned char>(character)));
-    return text;
-}
-
 }  // namespace
 
 Settings read_config_file(const std::string& path) {
@@ -42,10 +37,25 @@ const std::string* find_value(const Settings& settings, const std::string& key) 
     return found == settings.end() ? nullptr : &found->second;
 }
 
+bool is_yes(const Settings& settings, const std::string& key) {
+    const std::string value = value_or_empty(settings, key);
+    return value == "yes" || value == "y";  // Intended: exactly these two; "Yes", "true" and "1" mean no.
+}
+
+std::string value_or_empty(const Settings& settings, const std::string& key) {
+    const std::string* const value = find_value(settings, key);
+    return value != nullptr ? *value : "";
+}
+
 std::string trim(const std::string& text) {
     const auto first = std::find_if_not(text.begin(), text.end(), is_space);
     const auto last = std::find_if_not(text.rbegin(), std::make_reverse_iterator(first), is_space).base();
     return std::string(first, last);
+}
+
+std::string lower_case(std::string text) {
+    for (char& character : text) character = static_cast<char>(std::tolower(static_cast<unsigned char>(character)));
+    return text;
 }
 
 bool is_number(const std::string& text) {

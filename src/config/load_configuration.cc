@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <climits>
 #include <cstdint>
 #include <exception>
 #include <filesystem>
@@ -11,23 +12,13 @@
 #include "config/cache_ignore.h"
 #include "config/config_file.h"
 #include "config/pem.h"
+#include "config/public_settings.h"
 #include "config/server_config.h"
+#include "log/access_log.h"
 #include "log/log.h"
 #include "log/signal_hold.h"
 
 namespace {
-
-// Intended: exactly these two; "Yes", "true" and "1" mean no.
-bool is_yes(const Settings& settings, const std::string& key) {
-    const std::string* const value = find_value(settings, key);
-    return value != nullptr && (*value == "yes" || *value == "y");
-}
-
-// The value of key, or "" when it is absent.
-std::string value_or_empty(const Settings& settings, const std::string& key) {
-    const std::string* const value = find_value(settings, key);
-    return value != nullptr ? *value : "";
-}
 
 void read_log(const Settings& settings, const std::string& use_key, const std::string& file_key, bool& enabled,
               std::string& file) {
@@ -42,13 +33,6 @@ void open_logs() {
     if (server_config.https_log_enabled) https_logger = new Logger(server_config.https_log_file, log_debug);
 }
 
-// So that a website_path over links, or with "." or "..", is what it leads to. The daemon's directory is "/".
-void make_website_path_canonical() {
-    std::string& path = server_config.website_path;
-    path = std::filesystem::weakly_canonical(std::filesystem::path("/") / path).string();
-    while (path.size() > 1 && path.back() == '/') path.pop_back();
-}
-
 void read_site(const Settings& settings) {
     const std::string* const path = find_value(settings, "website_path");
     if (path == nullptr) {
@@ -58,13 +42,14 @@ void read_site(const Settings& settings) {
     server_config.website_path = *path;
     if (path->back() == '/' || path->back() == '\\') server_config.website_path.pop_back();
     server_config.public_site = is_yes(settings, "public_site");
-    if (server_config.public_site) make_website_path_canonical();
+    if (server_config.public_site) read_public_settings(settings);
 
     server_config.start_http = is_yes(settings, "start_http");
     server_config.start_https = is_yes(settings, "start_https");
     if (!server_config.start_http && !server_config.start_https) {
         throw std::runtime_error("No permission to start any server: start_http and/or start_https");
     }
+    admit_log_lines(server_config.start_http, server_config.start_https);
 }
 
 void require_file(const std::string& path, const std::string& key) {
@@ -151,6 +136,7 @@ bool load_configuration() {
         open_logs();
         hold_signals();  // before the first line that a log takes
         read_server_settings(settings, context);
+        if (!server_config.access_log.empty()) access_log = new AccessLog(server_config.access_log);
         return true;
     } catch (const std::exception& error) {
         hold_signals();
@@ -162,7 +148,7 @@ bool load_configuration() {
 }
 
 std::string get_starting_directory() {
-    char target[4096];
+    char target[PATH_MAX];
     const ssize_t length = readlink("/proc/self/exe", target, sizeof target);
     if (length < 0) return "";
     return std::filesystem::path(std::string(target, static_cast<std::size_t>(length))).parent_path().string();

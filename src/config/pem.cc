@@ -1,9 +1,10 @@
 #include "config/pem.h"
 
-#include <openssl/bio.h>
 #include <openssl/evp.h>
 #include <openssl/pem.h>
 #include <openssl/x509.h>
+
+#include "base/openssl.h"
 
 namespace {
 
@@ -28,17 +29,15 @@ int count_certificates(BIO* file) {
 
 PemContents inspect_pem(const std::string& path) {
     PemContents contents;
-    BIO* file = BIO_new_file(path.c_str(), "r");
-    if (file == nullptr) return contents;
-    const int certificates = count_certificates(file);
-    BIO_free(file);
+    Bio file(BIO_new_file(path.c_str(), "r"));
+    if (!file) return contents;
+    const int certificates = count_certificates(file.get());
     contents.has_certificate = certificates >= 1;
     contents.has_chain = certificates > 1;
 
-    file = BIO_new_file(path.c_str(), "r");
-    EVP_PKEY* const key = PEM_read_bio_PrivateKey(file, nullptr, nullptr, nullptr);
+    file.reset(BIO_new_file(path.c_str(), "r"));
+    EVP_PKEY* const key = PEM_read_bio_PrivateKey(file.get(), nullptr, nullptr, nullptr);
     contents.has_key = key != nullptr;
     EVP_PKEY_free(key);
-    BIO_free(file);
     return contents;
 }

@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
+#include <thread>
 
 #include "daemon/daemonize.h"
 #include "log/log.h"
@@ -77,8 +78,16 @@ void stop_serving() {
     wait_for_log_writers(writing_time);
 }
 
+void wait_for_descriptor_openers() {
+    const auto deadline = std::chrono::steady_clock::now() + writing_time;
+    while (descriptor_openers > 0 && std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+}
+
 [[noreturn]] void full_release() {
     stop_serving();
+    wait_for_descriptor_openers();
     close(http_server_socket);
     const int packet_socket = raw_socket.exchange(-1);
     if (packet_socket != -1) close(packet_socket);

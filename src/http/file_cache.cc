@@ -2,20 +2,20 @@
 
 #include <fcntl.h>
 #include <sys/mman.h>
-#include <unistd.h>
 
 #include <memory>
 #include <stdexcept>
 
+#include "base/descriptor.h"
+
 FileCache& file_cache = *new FileCache;
 
 MappedFile::MappedFile(const std::string& name) {
-    const int descriptor = open(name.c_str(), O_RDONLY);
-    if (descriptor == -1) throw std::runtime_error("Cannot open file");
+    const Descriptor descriptor(open(name.c_str(), O_RDONLY));
+    if (!descriptor) throw std::runtime_error("Cannot open file");
     // Intended: a length that cannot be found out, -1, is too long to be mapped.
-    size = static_cast<std::uint64_t>(lseek(descriptor, 0, SEEK_END));
-    void* const mapping = mmap(nullptr, size, PROT_READ, MAP_PRIVATE, descriptor, 0);
-    close(descriptor);
+    size = static_cast<std::uint64_t>(lseek(descriptor.get(), 0, SEEK_END));
+    void* const mapping = mmap(nullptr, size, PROT_READ, MAP_PRIVATE, descriptor.get(), 0);
     if (mapping == MAP_FAILED) throw std::runtime_error("Mapping failed");
     data = static_cast<const char*>(mapping);
 }
@@ -91,12 +91,9 @@ void FileCache::evict(std::uint64_t bytes_needed) {
         // Intended: a lock error when this is the slot whose lock the caller holds.
         const std::lock_guard slot_guard(slot.lock);
         if (slot.hash.load(std::memory_order_relaxed) == hash && slot.entry != nullptr) {
-            MappedFile* const dropped = slot.entry.exchange(nullptr, std::memory_order_acq_rel);
-            // Intended: what was handed out stays mapped and counted, because somebody may be reading it.
-            if (dropped->use_count == 0) {
-                total -= dropped->size;
-                delete dropped;
-            }
+            // Intended: the file stays mapped and counted. It was handed out when it was installed, so somebody may be
+            // reading it.
+            slot.entry.exchange(nullptr, std::memory_order_acq_rel);
             slot.hash.store(0, std::memory_order_relaxed);
         }
         index.erase(victim);

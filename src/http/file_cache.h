@@ -66,14 +66,16 @@ class FileCache {
   private:
     struct alignas(64) Slot {  // a cache line of its own
         std::atomic<MappedFile*> entry{nullptr};
-        std::shared_mutex lock;  // only ever taken for writing
+        // Only ever taken for writing, but unlike a mutex: whoever holds it and takes it again gets EDEADLK, where a
+        // mutex would wait for ever.
+        std::shared_mutex lock;
         std::atomic<std::uint64_t> hash{0};
     };
     MappedFile* use(Slot& slot, std::uint64_t hash, const std::string& name);
     void evict(std::uint64_t bytes_needed);
 
     std::array<Slot, cache_slot_count> slots;
-    // Bytes installed and not released. Intended: a file that was handed out is dropped without lowering it.
+    // Bytes ever installed. Intended: a file that is dropped stays mapped and does not lower it.
     std::atomic<std::uint64_t> total{0};
     std::mutex index_lock;
     std::list<std::string> recency;

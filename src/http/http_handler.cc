@@ -2,7 +2,6 @@
 
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/uio.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -10,7 +9,6 @@
 #include <chrono>
 #include <cstddef>
 #include <initializer_list>
-#include <iterator>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -25,7 +23,6 @@
 
 namespace {
 
-constexpr std::size_t request_limit = 4096;
 constexpr std::size_t small_file = 128 << 10;
 constexpr std::chrono::milliseconds send_pause{10};
 
@@ -59,25 +56,19 @@ Body read_whole(int file) {
     }
 }
 
-// Sends head and body, waiting for a slow client as long as it takes, until all is sent or the connection fails. Both
-// go into one call, so that a small answer leaves in one packet.
-void send_answer(int client_socket, std::string_view head, std::string_view body) {
-    while (!head.empty() || !body.empty()) {
-        iovec parts[] = {{const_cast<char*>(head.data()), head.size()}, {const_cast<char*>(body.data()), body.size()}};
-        msghdr message{};
-        message.msg_iov = parts;
-        message.msg_iovlen = std::size(parts);
-        const ssize_t count = sendmsg(client_socket, &message, MSG_NOSIGNAL);
+// Sends bytes, waiting for a slow client as long as it takes. Returns false when the connection fails.
+bool send_all(int client_socket, std::string_view bytes, int flags) {
+    while (!bytes.empty()) {
+        const ssize_t count = send(client_socket, bytes.data(), bytes.size(), flags);
         if (count >= 0) {
-            const std::size_t sent_of_head = std::min(static_cast<std::size_t>(count), head.size());
-            head.remove_prefix(sent_of_head);
-            body.remove_prefix(static_cast<std::size_t>(count) - sent_of_head);
+            bytes.remove_prefix(static_cast<std::size_t>(count));
         } else if (errno == EAGAIN) {
             std::this_thread::sleep_for(send_pause);
         } else if (errno != EINTR) {
-            return;
+            return false;
         }
     }
+    return true;
 }
 
 void answer(const ClientTask& task) {
@@ -107,11 +98,13 @@ void answer(const ClientTask& task) {
         send(task.client_socket, response.data(), response.size(), 0);  // Intended: no MSG_NOSIGNAL in this one.
         return;
     }
-    if (file.descriptor == -1) return;  // Intended: there is no 404 over plain HTTP.
-    const Body body = read_whole(file.descriptor);
-    close(file.descriptor);
-    send_answer(task.client_socket, ok_header(MimeTypes(file.canonical_name), body.size),
-                {body.bytes.get(), body.size});
+    if (!file.descriptor) return;  // Intended: there is no 404 over plain HTTP.
+    const Body body = read_whole(file.descriptor.get());
+    // MSG_MORE: a small answer leaves in one packet.
+    const std::string header = ok_header(MimeTypes(file.canonical_name), body.size);
+    if (send_all(task.client_socket, header, MSG_NOSIGNAL | MSG_MORE)) {
+        send_all(task.client_socket, {body.bytes.get(), body.size}, MSG_NOSIGNAL);
+    }
 }
 
 }  // namespace

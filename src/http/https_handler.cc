@@ -1,15 +1,12 @@
 #include "http/https_handler.h"
 
-#include <openssl/bio.h>
-#include <openssl/err.h>
-#include <openssl/ssl.h>
-#include <unistd.h>
-
 #include <exception>
 #include <initializer_list>
 #include <memory>
 #include <string_view>
 
+#include "base/descriptor.h"
+#include "base/openssl.h"
 #include "config/server_config.h"
 #include "http/file_cache.h"
 #include "http/mime_types.h"
@@ -23,27 +20,12 @@
 
 namespace {
 
-constexpr int request_limit = 4095;
-
 RequestHistory& request_history = *new RequestHistory;  // never destroyed, see config/server_config.h
 
-// Ends the connection on every way out of its handler.
-struct Closing {
-    SSL* session;
-    int client_socket;
-    bool is_shutdown_due = true;
-
-    ~Closing() {
-        if (is_shutdown_due) SSL_shutdown(session);  // once: the client's own notification is not awaited
-        SSL_free(session);
-        close(client_socket);
-    }
-};
-
-// One connection, from the handshake to the answer.
-class Connection {
+// What happens on one connection, from the handshake to the answer.
+class Exchange {
   public:
-    Connection(SSL* tls_session, const std::string& address, const std::string& context)
+    Exchange(SSL* tls_session, const std::string& address, const std::string& context)
         : session(tls_session), client_address(address), log_context(context) {}
 
     // Returns true when SSL_shutdown is due.
@@ -57,8 +39,8 @@ class Connection {
             log(openssl_error_text());
             return true;
         }
-        char buffer[request_limit + 1] = {};
-        const int count = SSL_read(session, buffer, request_limit);
+        char buffer[request_limit] = {};
+        const int count = SSL_read(session, buffer, sizeof buffer - 1);
         if (count < 1) return is_shutdown_due(SSL_get_error(session, count));
         answer(buffer);  // up to the first NUL
         return true;
@@ -95,24 +77,23 @@ class Connection {
 
         const TargetParts target = split_target(request_text);
         log_request({"PATH = ", target.path, "\n"});
-        const std::string& website_path = server_config.website_path;
-        std::string canonical_name;
-        if (!is_path_allowed(website_path, target.path.substr(1), &canonical_name)) return refuse(forbidden_response);
+        const std::string relative_path = target.path.substr(1);
+        if (!is_path_allowed(relative_path)) return refuse(forbidden_response);
         if (target.query) parse_query(*target.query);  // Intended: nothing asks for the result.
-        send_file(canonical_name, website_path + target.path);
+        send_file(canonical_name(relative_path), server_config.website_path + target.path);
     }
 
-    // Intended: the cache and its ignore list know a file by canonical_name; the content type follows direct_name,
+    // Intended: the cache and its ignore list know a file by its canonical name; the content type follows direct_name,
     // under which a listed file is also opened.
-    void send_file(const std::string& canonical_name, const std::string& direct_name) {
+    void send_file(const std::string& cached_name, const std::string& direct_name) {
         std::unique_ptr<MappedFile> uncached;
         const MappedFile* file = nullptr;
         try {
-            if (server_config.cache_ignore_paths.contains(canonical_name)) {
+            if (cache_ignore_paths.contains(cached_name)) {
                 uncached = std::make_unique<MappedFile>(direct_name);
                 file = uncached.get();
             } else {
-                file = file_cache.get(canonical_name);
+                file = file_cache.get(cached_name);
             }
         } catch (...) {
             return refuse(not_found_response);
@@ -132,28 +113,20 @@ class Connection {
 
 }  // namespace
 
-std::string openssl_error_text() {
-    BIO* const bio = BIO_new(BIO_s_mem());
-    if (bio == nullptr) return "Failed to allocate BIO";
-    ERR_print_errors(bio);
-    char* text = nullptr;
-    const long length = BIO_get_mem_data(bio, &text);
-    const std::string copy(text, static_cast<std::size_t>(length));
-    BIO_free(bio);
-    return copy;
-}
-
 void handle_https_client(SSL* session, int client_socket, const std::string& client_address) {
     const ActiveServer active;
-    Closing closing{session, client_socket};
+    const Descriptor closed_last(client_socket);
+    const SslSession freed(session);
     const std::string context = thread_context();
+    bool is_shutdown_due = true;
     try {
-        closing.is_shutdown_due = Connection(session, client_address, context).serve();
+        is_shutdown_due = Exchange(session, client_address, context).serve();
     } catch (const std::exception& error) {
         log_to_targets(log_target_https, std::string("Error handling client: ") + error.what(), context);
     } catch (...) {
         log_to_targets(log_target_https, "Error handling client: Unknown", context);
     }
+    if (is_shutdown_due) SSL_shutdown(session);  // once: the client's own notification is not awaited
 }
 
 void run_https_client(SSL* session, int client_socket, const std::string& client_address) {

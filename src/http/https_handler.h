@@ -4,9 +4,6 @@
 
 #include <string>
 
-// The errors in the calling thread's queue of OpenSSL, as text; empties the queue. Throws std::bad_alloc.
-std::string openssl_error_text();
-
 // Answers the one request of a TLS connection, then frees session and closes client_socket, also when it throws.
 // session is bound to client_socket and not yet handshaken; the handler owns both. Counts in active_servers while it
 // runs. Callable from several threads at once. Logs what goes wrong; throws std::bad_alloc when there is no memory for

@@ -1,11 +1,15 @@
 #pragma once
 
+#include <cstddef>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <unordered_map>
 
-// The request line of a request over plain HTTP or to a public site; a missing part is empty.
+// Bytes of a request that are read at most. Over HTTPS the last of them is a NUL.
+inline constexpr std::size_t request_limit = 4096;
+
+// The request line of a request over plain HTTP; a missing part is empty.
 struct RequestLine {
     std::string method;
     std::string target;
@@ -15,7 +19,7 @@ struct RequestLine {
 // target.
 RequestLine split_request_line(std::string_view text);
 
-// The target of a request over HTTPS, unless the site is public, divided at its first "?".
+// The target of a request over HTTPS, divided at its first "?".
 struct TargetParts {
     std::string path;  // with the index file put in
     std::optional<std::string> query;

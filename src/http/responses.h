@@ -7,7 +7,7 @@
 
 inline constexpr char forbidden_response[] = "HTTP/1.1 403 Forbidden\r\nContent-Length: 0\r\n\r\n";
 inline constexpr char method_not_allowed_response[] = "HTTP/1.1 405 Method Not Allowed\r\n\r\n";
-// Intended: without a Content-Length and, unless the site is public, over HTTPS only.
+// Intended: without a Content-Length and over HTTPS only.
 inline constexpr char not_found_response[] =
     "HTTP/1.1 404 Not Found\r\nContent-Type: text/html\r\n\r\n"
     "<html><body><h1>404 Not Found</h1><p>The requested file was not found.</p></body></html>";

@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <linux/openat2.h>
 #include <sys/syscall.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstddef>
@@ -23,47 +22,30 @@ bool is_plain(std::string_view path) {
            path.find("/.") == path.npos && path.find('\0') == path.npos;
 }
 
-// Opens name, which is absolute and canonical, one directory after the other. Returns a descriptor or -1.
-int open_step_by_step(const std::string& name, int flags) {
-    int descriptor = open("/", O_PATH);
-    for (std::size_t begin = 1; descriptor != -1;) {
-        const int directory = descriptor;
-        const std::size_t end = name.find('/', begin);
-        const bool is_last = end == name.npos;
-        const std::string part = name.substr(begin, end - begin);
-        descriptor = openat(directory, part.c_str(), O_NOFOLLOW | (is_last ? flags : O_PATH | O_DIRECTORY));
-        close(directory);
-        if (is_last) break;
-        begin = end + 1;
-    }
-    return descriptor;
-}
-
-// Opens name, which is absolute and canonical, if no link is on the way: what has been checked is what is opened.
-// Returns a descriptor or -1.
-int open_without_links(const std::string& name, int flags) {
+// Opens name, which is absolute and canonical, if no link is on the way: what has been checked is what is opened. Old
+// kernels lack this system call, and some containers and service managers forbid it.
+Descriptor open_without_links(const std::string& name) {
     open_how how{};
-    how.flags = static_cast<unsigned>(flags);
+    how.flags = O_RDONLY;
     how.resolve = RESOLVE_NO_SYMLINKS;
-    const long descriptor = syscall(SYS_openat2, AT_FDCWD, name.c_str(), &how, sizeof how);
-    // Old kernels lack this system call, and some containers and service managers forbid it.
-    if (descriptor == -1 && (errno == ENOSYS || errno == EPERM)) return open_step_by_step(name, flags);
-    return static_cast<int>(descriptor);
+    return Descriptor(static_cast<int>(syscall(SYS_openat2, AT_FDCWD, name.c_str(), &how, sizeof how)));
 }
 
-// True when name, which begins with website_path, is that of website_path or of something in it.
-bool is_inside(const std::string& website_path, const std::string& name) {
-    return website_path == "/" || name.size() == website_path.size() || name[website_path.size()] == '/';
+// Intended: website_path counts as written and no "/" need follow it, so /srv/www admits /srv/www-old too, and a
+// website_path that is not canonical admits nothing, unless canonical names happen to begin with it.
+bool has_website_path(const std::string& name) {
+    return name.starts_with(server_config.website_path);
 }
 
 }  // namespace
 
-bool is_path_allowed(const std::string& website_path, const std::string& relative_path, std::string* canonical_name) {
-    const std::filesystem::path path = std::filesystem::path(website_path) / relative_path;
-    *canonical_name = std::filesystem::weakly_canonical(path).string();
-    // Intended: website_path counts as written and no "/" need follow it, so /srv/www admits /srv/www-old too, and a
-    // website_path that is not canonical admits nothing.
-    return canonical_name->starts_with(website_path);
+std::string canonical_name(const std::string& relative_path) {
+    const std::filesystem::path path = std::filesystem::path(server_config.website_path) / relative_path;
+    return std::filesystem::weakly_canonical(path).string();
+}
+
+bool is_path_allowed(const std::string& relative_path) {
+    return has_website_path(canonical_name(relative_path));
 }
 
 OpenedFile open_site_file(const std::string& relative_path) {
@@ -72,26 +54,11 @@ OpenedFile open_site_file(const std::string& relative_path) {
     // directory.
     std::string name = website_path + "/" + relative_path;
     if (!website_path.empty() && is_plain(name)) {
-        const int descriptor = open_without_links(name, O_RDONLY);
-        if (descriptor != -1) return {true, std::move(name), descriptor};
+        Descriptor descriptor = open_without_links(name);
+        if (descriptor) return {true, std::move(name), std::move(descriptor)};
     }
-    const bool is_allowed = is_path_allowed(website_path, relative_path, &name);
-    const int descriptor = is_allowed ? open(name.c_str(), O_RDONLY) : -1;
-    return {is_allowed, std::move(name), descriptor};
-}
-
-OpenedFile open_public_file(const std::string& relative_path) {
-    const std::string& website_path = server_config.website_path;
-    std::string name = website_path + "/" + relative_path;
-    if (is_plain(name)) {
-        const int descriptor = open_without_links(name, O_RDONLY | O_NONBLOCK);
-        if (descriptor != -1) return {true, std::move(name), descriptor};
-    }
-    if (name.find('\0') != name.npos) return {true, std::move(name), -1};  // the system would see another name
-    const bool is_allowed = is_path_allowed(website_path, relative_path, &name) && is_inside(website_path, name);
-    if (!is_allowed) return {false, std::move(name), -1};
-    const int descriptor = open_without_links(name, O_RDONLY | O_NONBLOCK);
-    if (descriptor == -1 && (errno == EMFILE || errno == ENFILE))
-        throw std::system_error(errno, std::generic_category());
-    return {true, std::move(name), descriptor};
+    name = canonical_name(relative_path);
+    const bool is_allowed = has_website_path(name);
+    Descriptor descriptor(is_allowed ? open(name.c_str(), O_RDONLY) : -1);
+    return {is_allowed, std::move(name), std::move(descriptor)};
 }

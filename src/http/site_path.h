@@ -2,23 +2,23 @@
 
 #include <string>
 
-// The rule that keeps requests inside the website directory: true when the canonical name of the file that
-// relative_path names there begins with website_path. Sets *canonical_name to that name, allowed or not. Neither
-// existence nor type of the file is checked. Throws std::filesystem::filesystem_error when the name cannot be made
-// canonical (a name too long, links in a circle, a directory that cannot be searched). Callable from any thread.
-bool is_path_allowed(const std::string& website_path, const std::string& relative_path, std::string* canonical_name);
+#include "base/descriptor.h"
+
+// Returns the canonical name of the file that relative_path names in the website; there need not be such a file. Throws
+// std::filesystem::filesystem_error when the name cannot be made canonical (a name too long, links in a circle, a
+// directory that cannot be searched). Callable from any thread.
+std::string canonical_name(const std::string& relative_path);
+
+// The rule that keeps requests inside the website directory: true when the canonical name begins with website_path.
+// Throws what canonical_name throws. Callable from any thread.
+bool is_path_allowed(const std::string& relative_path);
 
 struct OpenedFile {
     bool is_allowed;
     std::string canonical_name;
-    int descriptor;  // the caller's; -1 when the file is not allowed or cannot be opened
+    Descriptor descriptor;  // none when the file is not allowed or cannot be opened
 };
 
 // Opens the file that relative_path names in the configured website, for reading, if is_path_allowed allows it. Throws
-// what is_path_allowed throws. Callable from any thread.
+// what canonical_name throws. Callable from any thread.
 OpenedFile open_site_file(const std::string& relative_path);
-
-// The same for a public site, whose website_path is canonical: a file beside the website is not allowed, whatever its
-// name begins with; a named pipe does not keep the caller waiting; a link that is put in place after the check is not
-// followed. Also throws std::system_error when no descriptor is left: the file may well be there.
-OpenedFile open_public_file(const std::string& relative_path);

@@ -2,24 +2,26 @@
 
 #include <unistd.h>
 
-#include "config/server_config.h"
-
 namespace {
 
-bool is_http_logged() {
-    return server_config.http_log_enabled && server_config.start_http;
-}
-
-bool is_https_logged() {
-    return server_config.https_log_enabled && server_config.start_https;
-}
+bool is_http_started = false;
+bool is_https_started = false;
 
 bool reaches_http(LogTarget target) {
-    return (target == log_target_http || target == log_target_both) && is_http_logged();
+    return (target == log_target_http || target == log_target_both) && is_http_started && http_logger != nullptr;
 }
 
 bool reaches_https(LogTarget target) {
-    return (target == log_target_https || target == log_target_both) && is_https_logged();
+    return (target == log_target_https || target == log_target_both) && is_https_started && https_logger != nullptr;
+}
+
+// Writes to http_logger or https_logger, which must be open.
+void write_server_log(LogTarget which, const std::string& message, const std::string& context) {
+    try {
+        (which == log_target_http ? http_logger : https_logger)->log(log_debug, message, context);
+    } catch (...) {
+        // A line that cannot be queued is lost; its caller goes on.
+    }
 }
 
 }  // namespace
@@ -28,20 +30,14 @@ std::string thread_context() {
     return std::to_string(gettid());
 }
 
-void write_server_log(std::int32_t which, const std::string& message, const std::string& context) {
-    const bool enabled = which == 0 ? server_config.http_log_enabled : server_config.https_log_enabled;
-    Logger* const logger = which == 0 ? http_logger : https_logger;
-    if (!enabled || logger == nullptr) return;
-    try {
-        logger->log(log_debug, message, context);
-    } catch (...) {
-        // A line that cannot be queued is lost; its caller goes on.
-    }
+void admit_log_lines(bool of_http, bool of_https) {
+    is_http_started = of_http;
+    is_https_started = of_https;
 }
 
 void log_to_targets(LogTarget target, const std::string& message, const std::string& context) {
-    if (reaches_http(target)) write_server_log(0, message, context);
-    if (reaches_https(target)) write_server_log(1, message, context);
+    if (reaches_http(target)) write_server_log(log_target_http, message, context);
+    if (reaches_https(target)) write_server_log(log_target_https, message, context);
 }
 
 void log_event(LogTarget target, const std::string& first, std::string_view second, const std::string& context) {
@@ -59,8 +55,7 @@ void log_event(LogTarget target, const std::string& first, std::initializer_list
 }
 
 void log_shutdown_message(const std::string& message, const std::string& context) {
-    if (is_http_logged()) write_server_log(0, message, context);
-    if (is_https_logged()) write_server_log(1, message, context);
+    log_to_targets(log_target_both, message, context);
 }
 
 void wait_for_log_writers(std::chrono::milliseconds limit) {

@@ -8,8 +8,7 @@
 
 #include "log/logger.h"
 
-// Which log a message goes to. The functions below may be called from any thread. A log that is off or not open takes
-// nothing. A line that cannot be queued is lost without an error; std::bad_alloc is thrown only when the message itself
+// Which log a message goes to. The functions below may be called from any thread. A log that is not open takes nothing. A line that cannot be queued is lost without an error; std::bad_alloc is thrown only when the message itself
 // cannot be put together.
 enum LogTarget : std::int32_t { log_target_http = 0, log_target_https = 1, log_target_both = 2 };
 
@@ -20,10 +19,11 @@ inline Logger* https_logger = nullptr;
 // The calling thread's kernel thread id in decimal: the context of its log lines.
 std::string thread_context();
 
-// Writes to http_logger when which is 0, otherwise to https_logger, if that log is on.
-void write_server_log(std::int32_t which, const std::string& message, const std::string& context);
+// Says which servers are to be started. Until then, and later for the log of a server that is not, lines are dropped.
+// For the configuration loader, before any server thread exists.
+void admit_log_lines(bool of_http, bool of_https);
 
-// Writes to the logs that target names, the HTTP log first. Leaves out the log of a server that is not to be started.
+// Writes to the logs that target names, the HTTP log first.
 void log_to_targets(LogTarget target, const std::string& message, const std::string& context);
 
 // Writes first + " " + second and a line end, so that an empty line follows the entry. second may come in parts, which

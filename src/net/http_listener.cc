@@ -9,23 +9,21 @@
 
 #include <cerrno>
 #include <chrono>
-#include <csignal>
 #include <cstdint>
 #include <cstring>
-#include <exception>
 #include <string>
 #include <thread>
 
+#include "base/descriptor.h"
 #include "config/server_config.h"
 #include "http/client_task.h"
-#include "http/http_handler.h"
 #include "http/responses.h"
 #include "log/log.h"
 #include "net/rate_limiter.h"
 #include "net/run_state.h"
+#include "net/server.h"
 #include "net/thread_pool.h"
-#include "public/listening.h"
-#include "public/public_handler.h"
+#include "public/public_server.h"
 
 namespace {
 
@@ -39,39 +37,27 @@ bool set_non_blocking(int descriptor) {
     return flags != -1 && fcntl(descriptor, F_SETFL, flags | O_NONBLOCK) != -1;
 }
 
-// Returns the listening socket, or -1 after logging what failed.
-int open_listening_socket(const std::string& context) {
-    const int listening_socket = socket(AF_INET, SOCK_STREAM, 0);
-    if (listening_socket == -1) {
-        log_to_targets(log_target_http, "Socket creation failed", context);
-        return -1;
-    }
-    const auto give_up = [&](const std::string& message) {
-        log_to_targets(log_target_http, message, context);
-        close(listening_socket);
-        return -1;
-    };
-    if (!set_non_blocking(listening_socket)) {
-        return give_up(std::string("Error setting non-blocking mode for server: ") + std::strerror(errno));
+// Throws SetUpError.
+int open_listening_socket() {
+    Descriptor listening_socket(socket(AF_INET, SOCK_STREAM, 0));
+    if (!listening_socket) throw SetUpError("Socket creation failed");
+    if (!set_non_blocking(listening_socket.get())) {
+        const int error = errno;
+        throw SetUpError(std::string("Error setting non-blocking mode for server: ") + std::strerror(error));
     }
     const std::int32_t on = 1;
-    if (setsockopt(listening_socket, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) < 0) {
-        return give_up(std::string("Error setsockopt: ") + std::strerror(errno));
+    if (setsockopt(listening_socket.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) < 0) {
+        const int error = errno;
+        throw SetUpError(std::string("Error setsockopt: ") + std::strerror(error));
     }
-    if (server_config.public_site) prepare_public_socket(listening_socket);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_ANY);
-    address.sin_port = htons(static_cast<std::uint16_t>(server_config.port_http));  // the low 16 bits
-    if (bind(listening_socket, reinterpret_cast<const sockaddr*>(&address), sizeof address) < 0) {
-        return give_up("Bind failed");
+    const sockaddr_in address = any_address(server_config.port_http);
+    if (bind(listening_socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) < 0) {
+        throw SetUpError("Bind failed");
     }
-    if (listen(listening_socket, backlog) < 0) {
-        // Intended: unlike the failures before, this one leaves the socket open.
-        log_to_targets(log_target_http, "Listen failed", context);
-        return -1;
-    }
-    return listening_socket;
+    // Intended: unlike the failures before, a failed listen leaves the socket open.
+    const int descriptor = listening_socket.release();
+    if (listen(descriptor, backlog) < 0) throw SetUpError("Listen failed");
+    return descriptor;
 }
 
 void admit_or_refuse(int client_socket, const sockaddr_in& peer, const std::string& context, ThreadPool& pool) {
@@ -88,6 +74,7 @@ void admit_or_refuse(int client_socket, const sockaddr_in& peer, const std::stri
 
 void accept_connections(int listening_socket, const std::string& context, ThreadPool& pool) {
     int idle_pauses = 0;
+    std::uint64_t served_at_trim = 0;
     while (server_running) {
         sockaddr_in peer{};
         socklen_t length = sizeof peer;
@@ -96,28 +83,22 @@ void accept_connections(int listening_socket, const std::string& context, Thread
             idle_pauses = 0;
             admit_or_refuse(client_socket, peer, context, pool);
         } else if (errno == EAGAIN) {
-            if (server_config.public_site) {
-                wait_for_connection(listening_socket);
-            } else {
-                std::this_thread::sleep_for(idle_pause);
+            std::this_thread::sleep_for(idle_pause);
+            if (++idle_pauses % pauses_between_trims == 0 && pool.served() != served_at_trim) {
+                served_at_trim = pool.served();
+                malloc_trim(0);
             }
-            if (++idle_pauses % pauses_between_trims == 0) malloc_trim(0);
         } else {
-            // Intended: no pause before the next attempt, unless the site is public.
+            // Intended: no pause before the next attempt.
             log_to_targets(log_target_http, std::string("Error accept: ") + std::strerror(errno), context);
-            if (server_config.public_site) pause_after_failed_accept();
         }
     }
 }
 
 void serve(const std::string& context) {
-    std::signal(SIGPIPE, SIG_IGN);
-    const int listening_socket = open_listening_socket(context);
-    if (listening_socket == -1) return;
-
-    const bool is_public = server_config.public_site;
-    ThreadPool pool = is_public ? ThreadPool(public_workers, handle_public_http, public_waiting_limit)
-                                : ThreadPool(worker_count, handle_http_client);
+    // Intended: after an exception the listening socket stays open, until the process ends.
+    const int listening_socket = open_listening_socket();
+    ThreadPool pool(worker_count);
     log_to_targets(log_target_http, "Server started on port " + std::to_string(server_config.port_http), context);
     log_to_targets(log_target_http, "Serving files from: " + server_config.website_path, context);
     accept_connections(listening_socket, context, pool);
@@ -127,16 +108,5 @@ void serve(const std::string& context) {
 }  // namespace
 
 void start_server_http() {
-    const ActiveServer active;
-    const std::string context = thread_context();
-    try {
-        serve(context);
-    } catch (const std::exception& error) {
-        // Intended: after an exception the listening socket stays open, until the process ends.
-        log_to_targets(log_target_http, std::string("Failed marlu server: ") + error.what(), context);
-    } catch (...) {
-        log_to_targets(log_target_http, "Failed marlu server: Unknown error", context);
-    }
-    // Intended: the end of this server ends the other one too, and with it the daemon.
-    server_running.exchange(false);
+    run_server(log_target_http, server_config.public_site ? serve_public_http : serve);
 }

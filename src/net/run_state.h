@@ -31,6 +31,6 @@ inline std::atomic<int> raw_socket{-1};
 // Whoever frees the context empties the slot first, so that it is freed once.
 inline std::atomic<SSL_CTX*> ssl_context{nullptr};
 
-// The same context for the workers of a public site, null before there is one. Never freed: a worker may make a session
-// from it while the process exits.
-inline std::atomic<SSL_CTX*> public_ssl_context{nullptr};
+// Threads of public servers that may still open descriptors. The signal handler closes descriptor 0, so it waits until
+// none of them can be given that number.
+inline std::atomic<int> descriptor_openers{0};

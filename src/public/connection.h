@@ -3,73 +3,66 @@
 #include <openssl/types.h>
 #include <sys/types.h>
 
-#include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <string>
 #include <string_view>
 
-// One accepted connection of the public site, for one request and its answer. Every wait has a limit: the request has
-// to be whole within 10 seconds, and the answer must not rest for 60. An object belongs to one thread.
+#include "base/descriptor.h"
+
+// What read, write and send_file return instead of a number of bytes.
+inline constexpr ssize_t would_wait = -1;  // nothing can be done before the event that wanted_event names
+inline constexpr ssize_t has_failed = -2;  // nothing more can be done
+
+// One accepted connection, plain or over TLS. Never waits. An object belongs to one thread.
 class Connection {
   public:
-    // Takes over client_socket, which is non-blocking, and closes it at the end.
-    explicit Connection(int client_socket);
-    virtual ~Connection();
+    // Takes over a socket that does not wait. With a context the connection speaks TLS; its handshake is made by the
+    // first calls of read. Throws std::bad_alloc.
+    Connection(Descriptor accepted_socket, SSL_CTX* context);
+    ~Connection();
     Connection(const Connection&) = delete;
     Connection& operator=(const Connection&) = delete;
 
-    // True when the client has sent something. Waits a moment: the kernel holds connections back until they have data,
-    // but not when a flood makes it use SYN cookies.
-    bool has_data() const;
+    // Returns the number of bytes read, 0 at the client's end.
+    ssize_t read(char* buffer, std::size_t size);
 
-    // Returns as recv does: the number of bytes, 0 at the client's end, -1 when the connection failed or the request
-    // took too long.
-    virtual ssize_t read(char* buffer, std::size_t size);
+    // Returns how many bytes were taken. After would_wait the next call has to begin with the same bytes, if any. more
+    // says that bytes follow at once.
+    ssize_t write(std::string_view bytes, bool more);
 
-    // Sends bytes. Gives up when the connection fails or the client takes nothing for too long.
-    virtual void write(std::string_view bytes);
+    // Sends from size bytes of file at offset; returns like write. has_failed also when the file ends there.
+    ssize_t send_file(int file, std::uint64_t offset, std::uint64_t size);
 
-    // Sends head and the first size bytes of file, in constant memory. Gives up like write. Throws std::runtime_error
-    // when the file ends early.
-    virtual void send_file(std::string_view head, int file, std::uint64_t size);
+    // Tells the client over TLS that the connection ends here; the client's own notification is not awaited.
+    void say_goodbye();
 
-    // Says that bytes of the request may still come. The destructor then reads and drops them, as long as the time for
-    // the request lasts: bytes that nobody has read would reset the connection before the client has read the answer.
-    void expect_more() { is_more_expected = true; }
+    // Says goodbye and sends nothing more. The client may still be sending.
+    void end_sending();
 
-  protected:
-    // Each waits for an event of poll. Returns false when the time is over.
-    bool wait_for_request(short event) const;
-    bool wait_for_progress(short event) const;
+    // Reads and drops what the client still sends, past TLS. Returns like read.
+    ssize_t drop();
 
-    const int client_socket;
+    // True when bytes lie in the session, of which no event tells.
+    bool has_more() const;
+    // EPOLLIN or EPOLLOUT, for the call that returned would_wait.
+    std::uint32_t wanted_event() const { return wanted; }
+    // True when TLS is still being agreed on.
+    bool is_in_handshake() const;
+    int socket() const { return client_socket.get(); }
+    // Bytes that the client's side has not acknowledged yet.
+    int count_unacknowledged() const;
 
-  private:
-    bool send_all(std::string_view bytes, int flags);
-
-    const std::chrono::steady_clock::time_point request_deadline;
-    bool is_more_expected = false;
-};
-
-// The same over TLS.
-class TlsConnection : public Connection {
-  public:
-    // client_socket may still be blocking. Throws std::bad_alloc when no session can be made from context.
-    TlsConnection(int client_socket, SSL_CTX* context);
-    ~TlsConnection() override;
-
-    // Makes the handshake. Returns false when it fails or takes too long; OpenSSL's error queue then has the reason.
-    bool handshake();
-
-    ssize_t read(char* buffer, std::size_t size) override;
-    void write(std::string_view bytes) override;
-    void send_file(std::string_view head, int file, std::uint64_t size) override;
+    // The reason why TLS failed, "" when the client just went away.
+    static std::string tls_failure();
 
   private:
-    template <class Operation>
-    int retry(Operation operation, bool (Connection::*wait)(short) const);
-    bool write_piece(const char* bytes, std::size_t size);
+    ssize_t plain_result(ssize_t result, std::uint32_t event);
+    ssize_t tls_result(int result);
 
-    SSL* const session;
-    bool is_broken = false;  // nothing more may be said on the session
+    const Descriptor client_socket;
+    SSL* const session;  // null for a plain connection
+    std::uint32_t wanted;
+    int empty_reads = 0;     // since the last byte that was for us
+    bool is_broken = false;  // the session must not be used any more
 };
