@@ -7,7 +7,6 @@ from harness import ROOT, read
 
 SOURCE = "".join(read(path) for path in glob.glob(f"{ROOT}/src/*/*.cc") + glob.glob(f"{ROOT}/src/*/*.h")
                  if not re.search("/src/(banner|check|main)/", path))
-CHECK = "".join(read(path) for path in glob.glob(f"{ROOT}/src/check/*.cc"))
 NOT_LOGGED = ("Fork failed", "Second fork failed", "Setsid failed", "Chdir failed",  # said by the command
               "Cannot open file", "Mapping failed", "Starting directory: ", "GET /",
               "ERROR:")  # a line of its own, before "path to non-cached"
@@ -25,9 +24,9 @@ class Manual(unittest.TestCase):
         texts = [text.replace("\\n", "") for text in re.findall(r'"((?:\\n)?[A-Z][A-Za-z_]+[ :][^"\n]*)"', SOURCE)]
         self.assertEqual([text for text in texts if text not in NOT_LOGGED and not text.startswith(tuple(lines))], [])
 
-    def test_names_the_keys_of_loader_and_check(self):
-        in_check = "".join(re.findall(r"_keys = {(.*?)}", CHECK, re.DOTALL))
+    def test_names_the_keys_of_the_loader_and_its_table(self):
+        in_table = re.findall(r'{"(\w+)", (?:true|false)}', SOURCE)
         in_loader = re.findall(r'\(settings, "(\w+)"(?:, "(\w+)")?', SOURCE)
         keys = sorted(marked("marluserver.cfg.5", "Ic"))
-        self.assertEqual(sorted(re.findall(r'"(\w+)"', in_check)), keys)
+        self.assertEqual(sorted(in_table), keys)
         self.assertEqual(sorted({key for pair in in_loader for key in pair if key}), keys)

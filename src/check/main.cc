@@ -4,9 +4,8 @@
 #include <string>
 
 #include "check/config_check.h"
-#include "check/port_wait.h"
+#include "check/ports.h"
 #include "check/site_files.h"
-#include "config/load_configuration.h"
 #include "config/server_config.h"
 
 namespace {
@@ -46,7 +45,7 @@ int run(const std::string& command, const std::string& argument) {
         if (command == "config") {
             check_config(argument);
         } else {
-            read_server_settings(read_as_the_daemon(argument), "");
+            load_as_the_daemon(argument);
             wait_for_ports();
         }
         return 0;
