@@ -87,7 +87,7 @@ def wait_until(condition):
 
 
 def is_listening(port):
-    return f":{port:04X} 00000000:0000 0A" in read("/proc/net/tcp")
+    return re.search(f":{port:04X} 0+:0000 0A", read("/proc/net/tcp") + read("/proc/net/tcp6")) is not None
 
 
 def connect(port, source="127.0.0.1"):
