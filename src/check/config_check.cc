@@ -22,8 +22,10 @@
 #include "config/config_file.h"
 #include "config/load_configuration.h"
 #include "config/server_config.h"
+#include "log/access_log.h"
 #include "log/logger.h"
 #include "net/https_listener.h"
+#include "public/public_server.h"
 
 namespace {
 
@@ -45,6 +47,8 @@ void check_keys(const Settings& settings) {
             warn("unknown key [" + name + "]; the keys are" + known);
         } else if (key->is_switch && value != "yes" && value != "y" && value != "no" && value != "n") {
             warn("[" + name + "] is neither yes, y, no nor n: it counts as no");
+        } else if (key->is_public_alone && !is_yes(settings, "public_site")) {
+            warn("[" + name + "] has no effect without public_site=yes");
         }
     }
 }
@@ -72,11 +76,21 @@ void check_log(bool is_enabled, const std::string& path) {
     if (error != 0) throw log_open_error(path, error);
 }
 
+void check_access_log(const std::string& path) {
+    if (path.empty()) return warn("[access_log] is missing: nothing tells who visits the site");
+    if (fs::exists(path)) {
+        const AccessLog log(path);  // opens the file as the daemon does, which changes nothing
+    } else {
+        check_log(true, path);
+    }
+}
+
 void load(const Settings& settings) {
     read_log_settings(settings);
     check_log(server_config.http_log_enabled, server_config.http_log_file);
     check_log(server_config.https_log_enabled, server_config.https_log_file);
     read_server_settings(settings, "");
+    if (server_config.public_site) check_access_log(server_config.access_log);
 }
 
 void check_port_of(const std::string& key, std::int32_t port) {
@@ -99,7 +113,7 @@ std::string check_servers() {
     if (config.start_http) check_port_of("port_http", config.port_http);
     if (config.start_https) {
         certificate = check_tls();
-        open_packet_socket();
+        if (!config.public_site) open_packet_socket();
         check_port_of("port_https", config.port_https);
     }
     return certificate;
@@ -108,6 +122,7 @@ std::string check_servers() {
 // Returns false after a warning that leaves no website to look at.
 bool check_directory() {
     const std::string& path = server_config.website_path;
+    if (server_config.public_site) open_website();
     if (path.empty() || path == "/") {
         warn("[website_path] is the root directory: every file of this machine is served");
         return false;
@@ -172,6 +187,9 @@ void print_summary(const std::string& certificate) {
     const ServerConfig& config = server_config;
     std::cout << "OK\nwebsite      " << config.website_path << '\n'
               << "served       " << (config.public_site ? "as a public site" : "as by default") << '\n';
+    if (config.public_site) {
+        std::cout << "access log   " << (config.access_log.empty() ? "off" : config.access_log) << '\n';
+    }
     if (config.start_http) {
         std::cout << "HTTP         " << server_summary(config.port_http, config.http_log_enabled, config.http_log_file)
                   << '\n';

@@ -1,3 +1,5 @@
+#include <algorithm>
+#include <cstdint>
 #include <exception>
 #include <filesystem>
 #include <iostream>
@@ -7,6 +9,7 @@
 #include "check/ports.h"
 #include "check/site_files.h"
 #include "config/server_config.h"
+#include "public/content_type.h"
 
 namespace {
 
@@ -22,6 +25,19 @@ int refuse(const std::string& message) {
     return 1;
 }
 
+// Names a file that a public site could send compressed and does not.
+void name_uncompressed(const SiteFile& file) {
+    constexpr std::uint64_t one_packet = 1400;  // bytes: what fits is not faster when it is smaller
+    const std::filesystem::path path = file.canonical_name;
+    if (file.size <= one_packet || !content_type_of(path.filename().string()).is_compressible) return;
+    for (const char* const suffix : {".br", ".gz"}) {
+        std::error_code error;
+        const auto time = std::filesystem::last_write_time(file.canonical_name + suffix, error);
+        if (!error && time >= std::filesystem::last_write_time(path, error)) return;
+    }
+    std::cerr << file.entry << ": has no compressed form beside it (.br, .gz), or an older one" << std::endl;
+}
+
 int print_list(const std::string& path) {
     std::error_code error;
     server_config.website_path = std::filesystem::canonical(path, error).string();
@@ -35,6 +51,7 @@ int print_list(const std::string& path) {
                       << std::endl;
         }
     }
+    std::for_each(site.files.begin(), site.files.end(), name_uncompressed);
     for (const std::string& text : site.unserved) std::cerr << text << std::endl;
     return std::cout.flush() ? 0 : refuse("The list could not be written");
 }
