@@ -8,6 +8,6 @@
 void load_as_the_daemon(const std::string& path);
 
 // Does the same, tries what the servers will open, and prints "OK" and a summary to standard output, and to standard
-// error a warning for each setting that the daemon accepts and nobody wants. Throws std::exception when the daemon would
+// error a warning for each setting that is almost certainly a mistake. Throws std::exception when the daemon would
 // refuse the configuration or a server could not start; that a port is in use now is no reason.
 void check_config(const std::string& path);
