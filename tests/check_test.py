@@ -2,6 +2,7 @@
 import os
 import re
 import shutil
+import socket
 import unittest
 
 from harness import PROGRAMS, TLS, WORK, cache_slot, make_certificates, read, run, write
@@ -58,54 +59,66 @@ class Config(unittest.TestCase):
             (HTTPS + f"key_file={TLS}/root.key", "Failed to load certificate or private key"),
             (HTTPS + "cipher_list=none", "Error installing cipher list: none"),
             (HTTPS + "cache_ignore=/run", MISSING + "[cache_ignore]"),
+            (HTTPS + "start_http=y\nport=73979", "[port_http] and [port_https] are equal: only one server can bind it"),
+            (HTTPS, "Failed to create RAW socket", "setpriv --bounding-set -net_raw"),
+            (HTTPS + "port_https=443", "Port 443: Permission denied", "setpriv --bounding-set -net_bind_service"),
         ]
-        for settings, error in cases:
-            self.assertEqual(check(settings), ("", f"{error}\n", 1), settings)
+        for settings, error, *prefix in cases:
+            self.assertEqual(check(settings, *prefix), ("", f"{error}\n", 1), settings)
         self.assertEqual(run(f"{CHECK} config /none"), ("", "Unable to open configuration file: /none\n", 1))
 
+    def test_has_the_logs_that_the_daemon_could_open(self):
+        run("mkdir -m 1777 sticky && touch sticky/foreign && chown 1 sticky/foreign && "
+            "ln -s new.log to_new && ln -s none/log to_none && ln -s loop loop", cwd=WORK)
+        for name in ("to_new", "to_none", "loop", "none/log", "sticky/foreign", "sticky/new"):
+            path, error = f"{WORK}/{name}", ""
+            was_there = os.path.exists(path)
+            checked = check(f"{HTTP}use_log=y\nlog_file={path}\n"), run(f"{CHECK} wait {WORK}/check.cfg")
+            self.assertEqual(os.path.exists(path), was_there, path)
+            try:
+                os.close(os.open(path, os.O_WRONLY | os.O_CREAT))  # as the daemon does
+            except OSError as failure:
+                error = f"Failed to open log file: {path} - {os.strerror(failure.errno)}\n"
+            self.assertEqual([result[1:] for result in checked], 2 * [(error, int(error != ""))], path)
+
     def test_is_summed_up_with_a_warning_of_what_nobody_wants(self):
-        os.symlink(SITE, f"{WORK}/link")
-        os.makedirs(f"{WORK}/My Site")
-        for name in ("old", "older"):
-            os.makedirs(f"{SITE}/docs/{name}", exist_ok=True)
+        run(f"ln -s {SITE} link; ln -s {SITE} si; mkfifo pipe; mkdir 'My Site' site/docs/old site/docs/older", cwd=WORK)
         write(f"{WORK}/list", run(f"{CHECK} list {SITE}")[0])
         one, two = f"log_file={WORK}/new.log\n", f"log_file_http={WORK}/other.log\n"
         to_one, to_two = f"port 80, log {WORK}/new.log", f"port 80, log {WORK}/other.log"
-        cases = [  # settings, what the summary holds, the warnings, and what the program is run with
+        self.enterContext(socket.create_server(("", 81)))  # that a port is in use now does not count
+        cases = [  # settings, what the summary holds, the warnings
             (f"# note\n\n \tWebsite_Path = {WORK}/My Site \nSTART_HTTP=yes", f" {WORK}/My Site\n", ""),
             (HTTP + "PORT=81\nport=82\r\n#port=83", "port 82", ""),
-            (HTTP + "port_http=090\nport=81", "port 90", ""),
-            (HTTP + "port=81\nport_http=70000", "port 70000", "[port_http] 70000 is no port"),
+            (HTTP + "port_http=070000\nport=81", "port 70000", "[port_http] 70000 is no port"),
             (HTTP + "prot=81", "port 80", "unknown key [prot]"),
-            (HTTP + "use_log=yes\n" + one, to_one, ""),
-            (HTTP + "use_log=y\n" + one + two, to_one, ""),
+            (HTTP + "use_log=yes\n" + one + two, to_one, ""),
             (HTTP + "use_log=n\nuse_log_http=y\n" + two, to_two, ""),
             (HTTP + "use_log=Yes\n" + one, "log off", "[use_log] is neither yes"),
             (HTTP + "use_log_http=no\nuse_log=y\n" + one + two, "log off", ""),
             (HTTP + "use_log=y\nuse_log_http=y\n" + one, "log off", ""),
-            (HTTP + f"website_path={SITE}//", f" {SITE}/\n", "[website_path] is not canonical\npublic_site=yes"),
+            (HTTP + f"use_log=y\nlog_file={WORK}/pipe", "", "the daemon will wait"),
+            (HTTPS + f"website_path={SITE}//", f" {SITE}/\n", "[cache_ignore]\npublic_site=yes"),
+            (HTTP + f"website_path={WORK}/si", f" {WORK}/si\n", ""),
             (HTTP + f"website_path={WORK}/link/", f" {WORK}/link\n", "[website_path] is not canonical\npublic_site=yes"),
             (HTTP + f"website_path={SITE}/docs/old", "", f"[website_path] {SITE}/docs/older begins with it\npublic_site=yes"),
-            (HTTPS + f"public_site=y\nwebsite_path={WORK}/link/.", f" {SITE}\nserved       as a public site\n", ""),
-            (HTTP + f"public_site=y\nwebsite_path={SITE}/docs/old", "", ""),
+            (HTTPS + f"public_site=y\nwebsite_path={WORK}/link/.", "served       as a public site\naccess log   off\n",
+             "[access_log] is missing"),
             (HTTP + "website_path=C:\\", " C:\n", "[website_path] is no directory"),
             (HTTP + "website_path=/", "website      \n", "[website_path] is the root directory"),
             (HTTPS, "not cached   0 files", ""),
             (HTTPS + f"website_path={SITE}", "not cached   0 files", "[cache_ignore] \npublic_site=yes"),
             (HTTPS + f"website_path={SITE}\ncache_ignore={WORK}/list", f"{len(read(f'{WORK}/list').split())} files", ""),
-            (HTTPS + "start_http=y\nport=8443", "port 8443", "[port_http] and [port_https] are the same"),
+            (HTTPS + "start_http=y\nport=0\nport_https=0", "port 0", "[port_http] 0 is\n[port_https] 0 is"),
             (HTTPS + f"crt_file={TLS}/expired.crt", "CN = good, ", "the certificate has expired"),
             (HTTPS + f"key_file={TLS}/weak.key", "", "the private key is not of the certificate's type"),
-            (HTTPS, "", "no permission here for the packet socket", "setpriv --bounding-set -net_raw"),
-            (HTTPS + "port_https=443", "", "[port_https] no permission", "setpriv --bounding-set -net_bind_service"),
         ]
-        for settings, summary, warning, *prefix in cases:
-            output, errors, status = check(settings, *prefix)
+        for settings, summary, warning in cases:
+            output, errors, status = check(settings)
             self.assertRegex(output, rf"\AOK\n(?=website  )(.*\n)*.*{re.escape(summary)}", settings)
             lines = "".join(f"warning: {re.escape(line)}.*\n" for line in warning.splitlines())
             self.assertRegex(errors, rf"\A{lines}\Z", settings)
             self.assertEqual(status, 0, settings)
-        self.assertFalse(os.path.exists(f"{WORK}/new.log"))
 
 
 class List(unittest.TestCase):

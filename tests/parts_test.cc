@@ -1,17 +1,25 @@
-// What needs a clock of its own, and the banner.
+// What needs a clock, or cache slots, of its own.
 #include <gtest/gtest.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <system_error>
+#include <vector>
 
-#include "banner/banner.h"
-#include "banner/banner_text.h"
+#include "http/file_cache.h"
 #include "net/rate_limiter.h"
 
 namespace {
 
 std::int64_t stopped_clock = 0;  // what the steady clock shows, in nanoseconds; 0 lets the real one through
+
+int refused_of(int tries) {
+    int count = 0;
+    for (; tries > 0; --tries) count += is_rate_limited("10.0.0.1");
+    return count;
+}
 
 }  // namespace
 
@@ -22,20 +30,7 @@ extern "C" int clock_gettime(clockid_t clock, timespec* time) noexcept {
     return 0;
 }
 
-TEST(banner, that_cannot_be_opened_is_not_printed) {
-    EXPECT_EXIT(print_version(), testing::KilledBySignal(SIGQUIT), "") << "the stored key is not corrected yet";
-    *key_fix_pointer = static_cast<char>(*key_fix_pointer - 3);
-    const std::string key = base64_decode(stored_key_text), banner = base64_decode(VersionBanner);
-    EXPECT_TRUE(rsa_decrypt_private(banner, key).starts_with("marlu "));
-    EXPECT_THROW(rsa_decrypt_private(banner, "no key"), std::runtime_error);
-}
-
 TEST(rate_limiter, admits_a_thousand_in_a_period) {
-    const auto refused_of = [](int tries) {
-        int count = 0;
-        for (; tries > 0; --tries) count += is_rate_limited("10.0.0.1");
-        return count;
-    };
     stopped_clock = 5'000'000'000;
     EXPECT_EQ(refused_of(1), 0);
     stopped_clock += 10'999'999'998;
@@ -46,4 +41,40 @@ TEST(rate_limiter, admits_a_thousand_in_a_period) {
     stopped_clock += 1;
     EXPECT_EQ(refused_of(1001), 1) << "the next period";
     stopped_clock = 0;
+}
+
+TEST(cache, drops_the_least_recently_used_and_never_gets_room_back) {
+    std::string directory = "/tmp/marlu-test-XXXXXX";
+    directory = std::filesystem::canonical(mkdtemp(directory.data()));
+    int number = 0;
+    const auto file_in = [&](std::size_t slot, std::uintmax_t size) {
+        std::string name;
+        do name = directory + "/" + std::to_string(++number);
+        while (cache_slot(name) != slot);
+        std::ofstream(name) << slot;
+        std::filesystem::resize_file(name, size);
+        return name;
+    };
+    // What the cache handed out stays mapped. Kept until the end, where leaks are looked for.
+    static FileCache cache;
+    static std::vector<MappedFile*>& handed_out = *new std::vector<MappedFile*>;
+    const auto get = [&](const std::string& name) { return handed_out.emplace_back(cache.get(name)); };
+
+    constexpr std::uint64_t half = FileCache::capacity / 2;
+    const std::string a = file_in(1, half), b = file_in(2, half), beside_a = file_in(1, 1), c = file_in(3, 1);
+    MappedFile* const first = get(a);
+    EXPECT_EQ(get(beside_a), first) << "the slot is another file's";
+    MappedFile* const second = get(b);
+    EXPECT_TRUE(get(a) == first && get(b) == second) << "exactly full is not over the limit";
+    EXPECT_THROW(get(beside_a), std::system_error) << "room is to be made in the slot that is filled";
+    EXPECT_TRUE(get(b) == second && get(a) == first);
+    EXPECT_THROW(get(beside_a), std::system_error) << "the other slot was dropped on the way";
+    EXPECT_EQ(get(a), first) << "and no lock was left behind";
+    MappedFile* const third = get(c);
+    EXPECT_EQ(std::string(first->data, 1) + second->data[0], "12") << "dropped, but still mapped";
+    EXPECT_EQ(get(c), third);
+    EXPECT_NE(get(b), second);
+    EXPECT_NE(get(c), third) << "everything goes for the next file";
+    std::filesystem::remove_all(directory);
+    EXPECT_EQ(cache_hash("/srv/\xc3\xa9.html"), 0xcfac980adb07b28bU) << "bytes count with their sign";
 }

@@ -1,49 +1,41 @@
+#include <algorithm>
+#include <cstdint>
 #include <exception>
 #include <filesystem>
 #include <iostream>
 #include <string>
 
 #include "check/config_check.h"
-#include "check/port_wait.h"
+#include "check/ports.h"
 #include "check/site_files.h"
-#include "config/load_configuration.h"
 #include "config/server_config.h"
+#include "public/content_type.h"
 
 namespace {
 
-constexpr char help_text[] =
-    R"(marlu-check validates a configuration or a website for marluserver. It starts nothing and changes nothing.
+constexpr char help_text[] = R"(marlu-check validates a configuration or a website for marluserver; see marlu-check(8).
 
-  marlu-check config FILE
-      Reads the configuration FILE as the daemon does. Prints "OK" and a summary, or the daemon's own error text.
-      Warns of anything that the daemon accepts and nobody wants: a port outside 1 to 65535, an unknown key, a switch
-      other than yes, y, no or n, a certificate that has expired or does not match its key, a missing permission for a
-      port or the packet socket; and without public_site=yes: a website_path that is not canonical (every request is
-      answered 403) or with which the name of another file or directory begins (that is served too), files that share
-      a cache slot and are not on the cache-ignore list (wrong bytes over HTTPS). Run it as the daemon's user and with
-      its capabilities.
-      Exit status: 0, with or without warnings, or 1 when the daemon would refuse the configuration or could not start
-      HTTPS with it.
-
-  marlu-check list WEBSITE_PATH
-      Prints the cache-ignore list with which HTTPS serves every file below WEBSITE_PATH with its own bytes. In each
-      of the 64 cache slots the largest file stays cached, as long as these files fit into 256 MiB; all others are
-      listed. The list is valid for this path and these files: make it again when files come, go or move. Standard
-      error names what HTTPS cannot serve. With public_site=yes no list is needed.
-      Exit status: 0, or 1 when WEBSITE_PATH is not a directory or the list cannot be written.
-
-  marlu-check wait FILE
-      Waits until the servers of the configuration FILE can bind their ports, at most 65 seconds: without
-      public_site=yes connections of the previous run hold the HTTPS port for up to a minute. Does not wait for a port
-      that is forbidden or on which another program listens.
-      Exit status: 0, or 1 when a port stays unavailable or the daemon would refuse the configuration.
-
-  marlu-check --help
+  marlu-check config FILE         what the daemon would make of the configuration FILE
+  marlu-check list WEBSITE_PATH   the cache-ignore list that HTTPS without public_site needs
+  marlu-check wait FILE           waits until the ports of the configuration FILE are free
 )";
 
 int refuse(const std::string& message) {
     std::cerr << message << std::endl;
     return 1;
+}
+
+// Names a file that a public site could send compressed and does not.
+void name_uncompressed(const SiteFile& file) {
+    constexpr std::uint64_t one_packet = 1400;  // bytes: what fits is not faster when it is smaller
+    const std::filesystem::path path = file.canonical_name;
+    if (file.size <= one_packet || !content_type_of(path.filename().string()).is_compressible) return;
+    for (const char* const suffix : {".br", ".gz"}) {
+        std::error_code error;
+        const auto time = std::filesystem::last_write_time(file.canonical_name + suffix, error);
+        if (!error && time >= std::filesystem::last_write_time(path, error)) return;
+    }
+    std::cerr << file.entry << ": has no compressed form beside it (.br, .gz), or an older one" << std::endl;
 }
 
 int print_list(const std::string& path) {
@@ -59,6 +51,7 @@ int print_list(const std::string& path) {
                       << std::endl;
         }
     }
+    std::for_each(site.files.begin(), site.files.end(), name_uncompressed);
     for (const std::string& text : site.unserved) std::cerr << text << std::endl;
     return std::cout.flush() ? 0 : refuse("The list could not be written");
 }
@@ -69,7 +62,7 @@ int run(const std::string& command, const std::string& argument) {
         if (command == "config") {
             check_config(argument);
         } else {
-            read_server_settings(read_as_the_daemon(argument), "");
+            load_as_the_daemon(argument);
             wait_for_ports();
         }
         return 0;

@@ -4,7 +4,9 @@
 
 #include "base/openssl.h"
 #include "check/warning.h"
+#include "config/server_config.h"
 #include "net/tls_context.h"
+#include "public/tls_contexts.h"
 
 namespace {
 
@@ -26,7 +28,7 @@ int check_days_left(const X509* certificate) {
 }  // namespace
 
 std::string check_tls() {
-    const SslContext context = make_ssl_context();
+    const SslContext context = server_config.public_site ? make_public_context() : make_ssl_context();
     if (SSL_CTX_check_private_key(context.get()) != 1) {
         warn("the private key is not of the certificate's type: HTTPS will not work");
         return "";

@@ -2,6 +2,40 @@
 
 #include <map>
 #include <string>
+#include <string_view>
+
+struct ConfigKey {
+    std::string_view name;
+    bool is_switch;                // on when its value is "yes" or "y"
+    bool is_public_alone = false;  // without effect unless the site is public
+};
+
+// Every key that the loader knows. It ignores others.
+inline constexpr ConfigKey config_keys[] = {
+    {"use_log", true},
+    {"log_file", false},
+    {"use_log_http", true},
+    {"log_file_http", false},
+    {"use_log_https", true},
+    {"log_file_https", false},
+    {"website_path", false},
+    {"public_site", true},
+    {"start_http", true},
+    {"start_https", true},
+    {"pem_file", false},
+    {"crt_file", false},
+    {"key_file", false},
+    {"chain_file", false},
+    {"cipher_list", false},
+    {"port", false},
+    {"port_http", false},
+    {"port_https", false},
+    {"cache_ignore", false},
+    {"access_log", false, true},
+    {"headers_file", false, true},
+    {"https_only", true, true},
+    {"trusted_proxy", false, true},
+};
 
 // Keys in lower case, and their values. The loader's own; not shared between threads.
 using Settings = std::map<std::string, std::string>;

@@ -21,7 +21,7 @@ bool is_printable(char character) {
     return character >= ' ' && character <= '~';
 }
 
-// Takes "PATTERN Name: value" apart. Throws std::runtime_error.
+// Takes a line apart: PATTERN Name: value. Throws std::runtime_error.
 HeaderRule parse_rule(const std::string& line) {
     constexpr char token_characters[] = "0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz!#$%&'*+-.^_`|~";
     const std::size_t pattern_end = std::min(line.find_first_of(" \t"), line.size());

@@ -10,7 +10,6 @@
 #include <string>
 #include <thread>
 
-#include "base/descriptor.h"
 #include "base/openssl.h"
 #include "config/server_config.h"
 #include "http/https_handler.h"
@@ -31,9 +30,7 @@ bool cipher_list_walked = true;  // Intended: true means not yet; the first conn
 // daemon would release it before all of it is there. Throws SetUpError.
 int set_up() {
     SslContext context = make_ssl_context();
-    // Intended: nothing reads the packet socket. It needs a privilege without which this server does not run.
-    Descriptor packet_socket(socket(AF_PACKET, SOCK_RAW, htons(ETHERTYPE_IP)));
-    if (!packet_socket) throw SetUpError("Failed to create RAW socket");
+    Descriptor packet_socket = open_packet_socket();
     Descriptor listening_socket(socket(AF_INET, SOCK_STREAM, 0));
     if (!listening_socket) throw SetUpError("Failed to create HTTPS socket");
     // Intended: no SO_REUSEADDR, and the socket stays blocking.
@@ -110,6 +107,13 @@ void serve(const std::string& context) {
 }
 
 }  // namespace
+
+// Intended: nothing reads this socket. It needs a privilege without which the server does not run.
+Descriptor open_packet_socket() {
+    Descriptor packet_socket(socket(AF_PACKET, SOCK_RAW, htons(ETHERTYPE_IP)));
+    if (!packet_socket) throw SetUpError("Failed to create RAW socket");
+    return packet_socket;
+}
 
 void start_server_https() {
     run_server(log_target_https, server_config.public_site ? serve_public_https : serve);

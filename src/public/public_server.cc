@@ -74,10 +74,6 @@ const char* website_name() {
     return server_config.website_path.empty() ? "/" : server_config.website_path.c_str();
 }
 
-Descriptor open_website() {
-    return Descriptor(open(website_name(), O_PATH | O_DIRECTORY | O_CLOEXEC));
-}
-
 std::size_t count_processors() {
     cpu_set_t processors;
     return sched_getaffinity(0, sizeof processors, &processors) == 0 ? static_cast<std::size_t>(CPU_COUNT(&processors))
@@ -92,7 +88,6 @@ class PublicServer {
           context(log_context),
           website(open_website()),
           site{website.get(), server_log == log_target_https} {
-        if (!website) fail("Failed to open the website");
         if (site.is_secure) contexts.emplace();
         listening_socket = open_listening_socket(static_cast<std::uint16_t>(port()));  // the low 16 bits
         for (std::size_t count = count_processors(); count > 0; --count) {
@@ -139,8 +134,12 @@ class PublicServer {
         struct stat opened;
         if (stat(website_name(), &named) != 0 || fstat(website.get(), &opened) != 0) return;
         if (named.st_dev == opened.st_dev && named.st_ino == opened.st_ino) return;
-        // The loops go on with the same number, which leads to the new directory from now on.
-        if (const Descriptor renewed = open_website()) dup3(renewed.get(), website.get(), O_CLOEXEC);
+        try {
+            // The loops go on with the same number, which leads to the new directory from now on.
+            dup3(open_website().get(), website.get(), O_CLOEXEC);
+        } catch (const std::runtime_error&) {
+            // The next look may find it.
+        }
     }
 
     void look_at_certificates() {
@@ -173,6 +172,12 @@ void serve(LogTarget target, const std::string& context) {
 }
 
 }  // namespace
+
+Descriptor open_website() {
+    Descriptor directory(open(website_name(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    if (!directory) fail("Failed to open the website");
+    return directory;
+}
 
 void serve_public_http(const std::string& context) {
     serve(log_target_http, context);

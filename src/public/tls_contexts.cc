@@ -52,9 +52,9 @@ std::string stamp_of_files() {
 
 }  // namespace
 
-std::shared_ptr<SSL_CTX> make_public_context() {
-    const std::shared_ptr<SSL_CTX> shared(make_ssl_context().release(), SSL_CTX_free);
-    SSL_CTX* const context = shared.get();
+SslContext make_public_context() {
+    SslContext owner = make_ssl_context();
+    SSL_CTX* const context = owner.get();
     if (!server_config.use_pem_file) {
         // Unlike the exact server's: all certificates of the file, and those of chain_file, are sent.
         if (SSL_CTX_use_certificate_chain_file(context, server_config.crt_file.c_str()) != 1) {
@@ -70,7 +70,7 @@ std::shared_ptr<SSL_CTX> make_public_context() {
     SSL_CTX_clear_mode(context, SSL_MODE_AUTO_RETRY);
     SSL_CTX_set_session_cache_mode(context, SSL_SESS_CACHE_OFF);  // tickets resume sessions and take no memory here
     SSL_CTX_set_alpn_select_cb(context, choose_protocol, nullptr);
-    return shared;
+    return owner;
 }
 
 TlsContexts::TlsContexts() : context(make_public_context()), stamp(stamp_of_files()) {}

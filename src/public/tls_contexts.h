@@ -1,10 +1,10 @@
 #pragma once
 
-#include <openssl/types.h>
-
 #include <memory>
 #include <mutex>
 #include <string>
+
+#include "base/openssl.h"
 
 // The TLS context of a public server, which follows its certificate. Callable from any thread.
 class TlsContexts {
@@ -26,4 +26,4 @@ class TlsContexts {
 };
 
 // Makes the context of a public server from the settings. Throws std::runtime_error with the text to log.
-std::shared_ptr<SSL_CTX> make_public_context();
+SslContext make_public_context();
