@@ -40,9 +40,11 @@ access_log=/run/access.log
 use_log_http=yes
 log_file_http=/run/marluserver.log
 """
-# Stand for what reaches and restarts a machine: deploy/publish and deploy/restart find these first.
+# Stand for what reaches and restarts a machine: deploy/publish and deploy/restart find these first. Machines are some way
+# off, so that visitors come while one of them has the new site and another does not.
 COMMANDS = {
     "ssh": f"""pid=$(cat {WORK}/$1) && shift
+sleep 1
 exec nsenter -t $pid -n -m -p -- sh -c "$*"
 """,
     "systemctl": """pid=$(cat /run/marluserver.pid) && kill $pid
