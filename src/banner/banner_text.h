@@ -1,4 +1,4 @@
-// Made by tools/make_banner.
+// Made by scripts/make_banner.
 #pragma once
 
 // clang-format off

@@ -11,6 +11,7 @@
 #include <chrono>
 #include <cstdint>
 #include <cstring>
+#include <exception>
 #include <memory>
 #include <optional>
 #include <stdexcept>
@@ -80,7 +81,7 @@ std::size_t count_processors() {
                                                                      : 1;
 }
 
-// One server. Never destroyed: a loop that is stuck may come back to it.
+// One server. To be destroyed after its loops have left.
 class PublicServer {
   public:
     PublicServer(LogTarget server_log, const std::string& log_context)
@@ -107,16 +108,13 @@ class PublicServer {
         }
     }
 
-    void stop_listening() { listening_socket = Descriptor(); }
-
   private:
     void log(const std::string& message) const { log_to_targets(log_target, message, context); }
 
     std::int32_t port() const { return site.is_secure ? server_config.port_https : server_config.port_http; }
 
     void start(EventLoop& loop) {
-        ++descriptor_openers;
-        std::thread([this, &loop] {
+        const auto run = [this, &loop] {
             try {
                 loop.run();
             } catch (const std::exception& error) {
@@ -124,7 +122,14 @@ class PublicServer {
                 server_running = false;
             }
             --descriptor_openers;
-        }).detach();
+        };
+        ++descriptor_openers;  // before the thread: it counts even if it begins late
+        try {
+            std::thread(run).detach();
+        } catch (...) {
+            --descriptor_openers;
+            throw;
+        }
     }
 
     // The website may be exchanged as a whole, by a link or by renaming.
@@ -161,14 +166,22 @@ class PublicServer {
 
 void serve(LogTarget target, const std::string& context) {
     if (!server_running) return;  // the other server has failed, and the daemon ends
-    PublicServer& server = *new PublicServer(target, context);
+    auto server = std::make_unique<PublicServer>(target, context);
+    std::exception_ptr failure;
     ++descriptor_openers;
-    server.serve();
+    try {
+        server->serve();
+    } catch (...) {
+        failure = std::current_exception();
+        server_running = false;
+    }
     --descriptor_openers;
     for (int pauses = 0; pauses < pauses_for_loops && descriptor_openers > 0; ++pauses) {
         std::this_thread::sleep_for(pause_length);
     }
-    server.stop_listening();
+    // A loop that is stuck may come back to its server. Nobody but the process then frees that.
+    if (descriptor_openers > 0) static_cast<void>(server.release());
+    if (failure) std::rethrow_exception(failure);
 }
 
 }  // namespace
