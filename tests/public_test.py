@@ -81,9 +81,9 @@ ROWS = [
     *rows(200, ["/p%2541", "/%70%2541", "/docs%2F%2f.well-known/once", "/d" + 253 * "/d" + "/once"], "once"),
     *rows(200, ["/docs/", "/docs//", "/absolute/"], "docs", x_page="1", vary="Accept-Encoding"),
     *rows(400, ["/%", "/%4", "/%zz", "/a.txt%00", "/%00/a.txt"]),
-    *rows(404, ["/none", "/none.txt", "/a.txt/", "/.git/config", "/%2egit/config", "/docs/.page", "/..", "/out", "/./a.txt",
-                "/docs/../a.txt", "/docs/%2e%2e/a.txt", "/../site-old/index.html", "/..%2Fsite-old/index.html",
-                "/beside/index.html", "//etc/passwd", "/circle", "/pipe", "/closed/x", "/empty/", "/" + 256 * "n",
+    *rows(404, ["/none", "/none.txt", "/a.txt/", "/.git/config", "/%2egit/config", "/docs/.page", "/..", "/out",
+                "/./a.txt", "/docs/../a.txt", "/docs/%2e%2e/a.txt", "/../site-old/index.html",
+                "/..%2Fsite-old/index.html", "/beside/index.html", "//etc/passwd", "/circle", "/pipe", "/closed/x", "/empty/", "/" + 256 * "n",
                 "/" + 8191 * "a", "/d" + 254 * "/d" + "/once", "/a.txt%2541", "/" + 2030 * "/.",
                 "/none\nIf-None-Match: *\nIf-Match: *\nRange: bytes=0-1"], LOST, x_text=None, content_range=None),
     # Directories
@@ -118,13 +118,15 @@ ROWS = [
     # Types
     *[case for target, value in (
         ("/picture.PNG\nAccept-Encoding: gzip", "image/png"), ("/latest.css", "text/css; charset=utf-8"),
-        ("/x.mjs", "application/javascript"), ("/x.avif", "image/avif"), ("/x.webmanifest", "application/manifest+json"),
-        ("/v1.css/x", "application/octet-stream"), ("/future.css.gz", "application/gzip"))
+        ("/x.mjs", "application/javascript"), ("/x.avif", "image/avif"),
+        ("/x.webmanifest", "application/manifest+json"), ("/v1.css/x", "application/octet-stream"),
+        ("/future.css.gz", "application/gzip"))
       for case in rows(200, [target], content_type=value, content_encoding=None)],
     # Compressed files
     *[case for accepted, body, encoding in (
         ("gzip, deflate, br", "as br", "br"), ("gzip;q=0.5", "as gz", "gzip"), ("br;q=0, GZIP;q=1.0", "as gz", "gzip"),
-        ("br; q=0.000, gzip ; q=0", "plain", None), ("x-br", "plain", None), ("br\nIf-None-Match: ZIPPED", "as br", "br"))
+        ("br; q=0.000, gzip ; q=0", "plain", None), ("x-br", "plain", None),
+        ("br\nIf-None-Match: ZIPPED", "as br", "br"))
       for case in rows(200, [f"/future.css\nAccept-Encoding: {accepted}"], body, content_encoding=encoding,
                        vary="Accept-Encoding", content_type="text/css; charset=utf-8")],
     *rows(304, ["/future.css\nAccept-Encoding: gzip\nIf-None-Match: ZIPPED"], vary="Accept-Encoding", etag="ZIPPED"),
@@ -201,14 +203,16 @@ class Client:
         headers = {name.lower(): value for name, value in fields}
         size = 0 if status == 304 or request.startswith("HEAD") else int(headers["content-length"])
         body = self.file.read(size).decode("latin-1")
-        date, modified = (email.utils.parsedate_to_datetime(headers.get(name, SAME)) for name in ("date", "last-modified"))
+        date = email.utils.parsedate_to_datetime(headers["date"])
+        modified = email.utils.parsedate_to_datetime(headers.get("last-modified", SAME))
         is_page = headers.get("content-type", "").startswith("text/html") and body[:1] in ("", "<") and size < 1000
         if (len(headers) < len(fields) or len(body) < size or email.utils.format_datetime(date, True) != headers["date"]
                 or abs(date.timestamp() - time.time()) > 30 or modified > date or status >= 400 and not is_page
                 or status in (200, 206, 304) and not re.fullmatch(r'"[!#-~]+"', headers["etag"])):
             raise AssertionError(f"{lines} {body}")
-        self.daemon.asked[log_entry(self.address, status, size, escaped(request.lstrip("\r\n").split("\r\n")[0]), *(
-            escaped((re.findall(f"\r\n{name}: *(.*)\r\n", request) or ["-"])[0]) for name in ("Referer", "User-Agent")))] += 1
+        values = [re.findall(f"\r\n{name}: *(.*)\r\n", request) or ["-"] for name in ("Referer", "User-Agent")]
+        texts = [request.lstrip("\r\n").split("\r\n")[0], *(value[0] for value in values)]
+        self.daemon.asked[log_entry(self.address, status, size, *map(escaped, texts))] += 1
         return status, headers, body
 
     def ask(self, request=get()):
@@ -313,10 +317,12 @@ class Public(unittest.TestCase):
             f"website_path={directory}/../{os.path.basename(directory)}/link/.\nheaders_file={directory}/headers\n",
             prefix + UNPRIVILEGED))
         texts = {"0123456789": ["a.txt"], "docs": ["docs/index.html"], "plain": ["future.css", "older.css"],
-                 "secret": ["../site-old/index.html", ".git/config", "docs/.page", "closed/x"], "as gz": ["future.css.gz"],
+                 "secret": ["../site-old/index.html", ".git/config", "docs/.page", "closed/x"],
+                 "as gz": ["future.css.gz"],
                  "once": ["p%41", "docs/.well-known/once", "d" + 254 * "/d" + "/once", 254 * "d/" + "once"],
                  "as br": ["future.css.br", "older.css.br"], page: ["404.html"] if page else [],
-                 "": ["docs/deep/x", "empty/x", "picture.PNG", "picture.PNG.gz", "x.mjs", "x.avif", "x.webmanifest", "v1.css/x"]}
+                 "": ["docs/deep/x", "empty/x", "picture.PNG", "picture.PNG.gz", "x.mjs", "x.avif",
+                      "x.webmanifest", "v1.css/x"]}
         for text, names in texts.items():
             for name in names:
                 write(f"{daemon.site}/{name}", text)
