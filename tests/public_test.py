@@ -13,7 +13,7 @@ import time
 import unittest
 from concurrent import futures
 
-from harness import LOG_PREFIX, TLS, WORK, Daemon, handshake, hold_back, is_listening, make_certificates, read, run
+from harness import TLS, WORK, Daemon, handshake, hold_back, is_listening, make_certificates, read, run
 from harness import tls_clients, wait_until, write
 
 SERVERS = ("http", "https")
@@ -118,7 +118,7 @@ ROWS = [
     # Types
     *[case for target, value in (
         ("/picture.PNG\nAccept-Encoding: gzip", "image/png"), ("/latest.css", "text/css; charset=utf-8"),
-        ("/x.mjs", "text/javascript; charset=utf-8"), ("/x.avif", "image/avif"), ("/x.webmanifest", "application/manifest+json"),
+        ("/x.mjs", "application/javascript"), ("/x.avif", "image/avif"), ("/x.webmanifest", "application/manifest+json"),
         ("/v1.css/x", "application/octet-stream"), ("/future.css.gz", "application/gzip"))
       for case in rows(200, [target], content_type=value, content_encoding=None)],
     # Compressed files
@@ -227,9 +227,11 @@ class Client:
         return size - left
 
     def has_ended(self):
-        with contextlib.suppress(BlockingIOError, ssl.SSLWantReadError):
-            self.socket.setblocking(False)
+        self.socket.setblocking(False)
+        try:
             return self.socket.recv(1) == b""
+        except OSError as error:
+            return not isinstance(error, (BlockingIOError, ssl.SSLWantReadError))
 
 
 class PublicDaemon(Daemon):
@@ -238,10 +240,10 @@ class PublicDaemon(Daemon):
         self.asked = collections.Counter()
         self.ports = dict(zip(SERVERS, (Daemon.next_port, Daemon.next_port + 1)))
         self.clients = tls_clients(f"{TLS}/good.crt")
-        super().__init__("public_site=yes\nstart_https=y\nuse_log_https=y\n"
+        super().__init__("public_site=yes\nstart_https=y\nuse_log_https=y\ncipher_list=HIGH\n"
                          f"crt_file={TLS}/good.crt\nkey_file={TLS}/good.key\naccess_log={self.access_log}\n{settings}",
                          command, at_once)
-        wait_until(lambda: at_once or all(map(is_listening, self.ports.values())))
+        wait_until(lambda: at_once or all(map(is_listening, self.ports.values())) or self.has_ended())
 
     # Asks on a connection of its own.
     def ask(self, server, request=get(), address="127.0.0.1"):
@@ -272,10 +274,6 @@ class PublicDaemon(Daemon):
                 raise AssertionError(line)
             entries[log_entry(address, int(status), int(size.replace("-", "0")), request, *fields)] += 1
         return entries
-
-    # The number of entries in both event logs.
-    def events(self):
-        return sum(len(re.findall(LOG_PREFIX, self.log(f"{server}.log"))) for server in SERVERS)
 
 
 class Public(unittest.TestCase):
@@ -338,7 +336,7 @@ class Public(unittest.TestCase):
         self.assertEqual(daemon.end(), 0)
         self.assertEqual(daemon.logged(), daemon.asked)
         for server in SERVERS:
-            self.assertNotRegex(daemon.log(f"{server}.log"), "GET|HTTP/|127.0.0.1")
+            self.assertNotRegex(daemon.log(f"{server}.log"), "GET|HTTP/|handshake")
 
     def finds_nothing_behind_a_link_that_changes(self, daemon, server):
         with futures.ThreadPoolExecutor() as threads, Client(daemon, server) as client:
@@ -369,13 +367,10 @@ class Public(unittest.TestCase):
                 self.assertEqual(client.read(request)[0], status)
             if server == "http":
                 client.socket.shutdown(socket.SHUT_WR)
-            else:
-                client.socket.setblocking(False)
-                self.assertRaises(ssl.SSLWantReadError, client.socket.unwrap)  # says that nothing more comes
-                client.socket.settimeout(60)
             self.assertEqual(client.count_body(), 32 << 20)
             self.assertEqual(client.read()[2], "hello")
-            self.assertEqual(client.file.read(), b"")
+            if server == "http":
+                self.assertEqual(client.file.read(), b"")
 
     def test_drops_who_takes_more_than_ten_seconds(self):
         daemon = self.start()
@@ -469,15 +464,15 @@ class Public(unittest.TestCase):
         daemon = self.start(f"access_log={WORK}/small/access.log\n")
         daemon.access_log = f"{WORK}/small/access.log"
         client = self.client(daemon, "http")
-        before = daemon.events()
+        before = daemon.log().count("\n")
         write(f"{WORK}/small/filler", 60 * 1024 * "x")
         for number in range(100):
             client.ask(get(f"/?{number}", "User-Agent: " + 500 * "a"))
-        wait_until(lambda: daemon.events() == before + 1)
+        wait_until(lambda: daemon.log().count("\n") == before + 1)
         os.remove(f"{WORK}/small/filler")
         for number in range(100, 110):
             client.ask(get(f"/?{number}"))
-        wait_until(lambda: daemon.events() == before + 2)
+        wait_until(lambda: daemon.log().count("\n") == before + 2)
         client.ask(get("/?110"))
         self.assertEqual(daemon.end(), 0)
         self.assertEqual(daemon.logged() - daemon.asked, collections.Counter())
@@ -501,8 +496,7 @@ class Public(unittest.TestCase):
         self.assertGreaterEqual(self.allowance(daemon, "fd00::1", "fd00::2"), 1000)
         self.assertEqual(self.allowance(daemon, "fd00::3"), 0)
         self.assertIsNone(self.allowance(daemon, "127.0.0.8"))
-        for server in SERVERS:
-            wait_until(lambda: "429" in daemon.log(f"{server}.log"))
+        wait_until(lambda: "127.0.0.9 HTTP/1.1 429" in daemon.log("https.log"))
         for address, forwarded, logged in (
                 ("127.0.0.8", "192.0.2.1, 192.0.2.2", "192.0.2.2"), ("127.0.0.7", "192.0.2.3", "127.0.0.7"),
                 ("fd01::1", "2001:db8::5", "2001:db8::5"), ("127.0.0.8", "", "127.0.0.8"), ("::1", "192.0.2.4", "::1")):

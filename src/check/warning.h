@@ -3,7 +3,7 @@
 #include <iostream>
 #include <string>
 
-// Tells the user about a setting that the daemon accepts and nobody wants.
+// Tells the user about a setting that works and is almost certainly a mistake.
 inline void warn(const std::string& text) {
     std::cerr << "warning: " << text << std::endl;
 }

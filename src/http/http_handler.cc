@@ -100,9 +100,11 @@ void answer(const ClientTask& task) {
     }
     if (!file.descriptor) return;  // Intended: there is no 404 over plain HTTP.
     const Body body = read_whole(file.descriptor.get());
-    // MSG_MORE: a small answer leaves in one packet.
+    // A small answer leaves in one packet. A header that no body follows must not be held back: a close with unread
+    // bytes of the request would drop it.
+    const int more = body.size > 0 ? MSG_MORE : 0;
     const std::string header = ok_header(MimeTypes(file.canonical_name), body.size);
-    if (send_all(task.client_socket, header, MSG_NOSIGNAL | MSG_MORE)) {
+    if (send_all(task.client_socket, header, MSG_NOSIGNAL | more)) {
         send_all(task.client_socket, {body.bytes.get(), body.size}, MSG_NOSIGNAL);
     }
 }

@@ -4,11 +4,8 @@
 #include <linux/openat2.h>
 #include <sys/syscall.h>
 
-#include <cerrno>
-#include <cstddef>
 #include <filesystem>
 #include <string_view>
-#include <system_error>
 #include <utility>
 
 #include "config/server_config.h"

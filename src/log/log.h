@@ -8,8 +8,9 @@
 
 #include "log/logger.h"
 
-// Which log a message goes to. The functions below may be called from any thread. A log that is not open takes nothing. A line that cannot be queued is lost without an error; std::bad_alloc is thrown only when the message itself
-// cannot be put together.
+// Which log a message goes to. The functions below may be called from any thread. A log that is not open takes nothing.
+// A line that cannot be queued is lost without an error; std::bad_alloc is thrown only when the message itself cannot be
+// put together.
 enum LogTarget : std::int32_t { log_target_http = 0, log_target_https = 1, log_target_both = 2 };
 
 // Null until the configuration loader opens them, then there until the process ends.

@@ -20,7 +20,7 @@ void run_server(LogTarget target, void (*serve)(const std::string& context)) {
     try {
         serve(context);
     } catch (const SetUpError& error) {
-        log_to_targets(target, error.what(), context);
+        log_to_targets(target, error.text, context);
     } catch (const std::exception& error) {
         log_to_targets(target, std::string("Failed marlu server: ") + error.what(), context);
     } catch (...) {

@@ -10,10 +10,11 @@
 
 // What the two servers have in common.
 
-// Something that a server needs could not be opened; what() is the text to log.
-class SetUpError : public std::runtime_error {
-  public:
-    using std::runtime_error::runtime_error;
+// Something that a server needs could not be opened.
+struct SetUpError : std::runtime_error {
+    explicit SetUpError(const std::string& reason) : std::runtime_error(reason), text(reason) {}
+
+    const std::string text;  // to be logged; what() would end at a NUL, which a cipher list can hold
 };
 
 // The address of all interfaces with the low 16 bits of port.
