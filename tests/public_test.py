@@ -85,7 +85,8 @@ ROWS = [
                 "/./a.txt", "/docs/../a.txt", "/docs/%2e%2e/a.txt", "/../site-old/index.html",
                 "/..%2Fsite-old/index.html", "/beside/index.html", "//etc/passwd", "/circle", "/pipe", "/closed/x",
                 "/empty/", "/" + 256 * "n", "/" + 8191 * "a", "/d" + 254 * "/d" + "/once", "/a.txt%2541",
-                "/" + 2030 * "/.", "/none\nIf-None-Match: *\nIf-Match: *\nRange: bytes=0-1"], LOST, x_text=None, content_range=None),
+                "/" + 2030 * "/.", "/none\nIf-None-Match: *\nIf-Match: *\nRange: bytes=0-1"], LOST,
+          x_text=None, content_range=None),
     # Directories
     *[case for target, location in (
         ("/docs?a=%2F", "/docs/?a=%2F"), ("/%64ocs", "/%64ocs/"), ("///docs", "/docs/"), ("/absolute", "/absolute/"),
