@@ -97,7 +97,7 @@ class Config(unittest.TestCase):
             (HTTP + "use_log=Yes\n" + one, "log off", "[use_log] is neither yes"),
             (HTTP + "use_log_http=no\nuse_log=y\n" + one + two, "log off", ""),
             (HTTP + "use_log=y\nuse_log_http=y\n" + one, "log off", ""),
-            (HTTP + f"use_log=y\nlog_file={WORK}/pipe", "", "the daemon will wait"),
+            (HTTP + f"use_log=y\nlog_file={WORK}/pipe", "", "the daemon waits"),
             (HTTPS + f"website_path={SITE}//", f" {SITE}/\n", "[cache_ignore]\npublic_site=yes"),
             (HTTP + f"website_path={WORK}/si", f" {WORK}/si\n", ""),
             (HTTP + f"website_path={WORK}/link/", f" {WORK}/link\n", "[website_path] is not canonical\npublic_site=yes"),

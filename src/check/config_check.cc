@@ -56,29 +56,30 @@ void check_keys(const Settings& settings) {
 // Finds out whether the daemon can open the log, without creating the file and without waiting.
 void check_log(bool is_enabled, const std::string& path) {
     if (!is_enabled) return;
+    const auto error_of_access = [](const fs::path& name, int mode) {
+        return faccessat(AT_FDCWD, name.c_str(), mode, AT_EACCESS) == 0 ? 0 : errno;
+    };
     struct stat status;
-    int error = 0;
-    if (stat(path.c_str(), &status) == 0) {
+    int error = stat(path.c_str(), &status) == 0 ? 0 : errno;
+    if (error == 0 && S_ISFIFO(status.st_mode)) {
+        error = error_of_access(path, W_OK);  // opened and closed, the pipe would end for its reader
+        if (error == 0) warn("the daemon waits at its start until a program reads the pipe " + path);
+    } else if (error == 0) {
         // O_CREAT as in the daemon: of a file that is there it can be refused, in a directory that everybody may use.
         const Descriptor log(open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_NONBLOCK, 0600));
         if (!log) error = errno;
-        if (error == ENXIO && S_ISFIFO(status.st_mode)) {
-            warn("the daemon will wait at its start until a program reads the pipe " + path);
-            return;
-        }
-    } else if (errno == ENOENT) {
+    } else if (error == ENOENT) {
         fs::path target = path;
         while (fs::is_symlink(target)) target = target.parent_path() / fs::read_symlink(target);
-        if (access((target.parent_path() / ".").c_str(), W_OK | X_OK) != 0) error = errno;
-    } else {
-        error = errno;
+        error = error_of_access(target.parent_path() / ".", W_OK | X_OK);
     }
     if (error != 0) throw log_open_error(path, error);
 }
 
 void check_access_log(const std::string& path) {
     if (path.empty()) return warn("[access_log] is missing: nothing tells who visits the site");
-    if (fs::exists(path)) {
+    std::error_code error;
+    if (fs::exists(path, error)) {
         const AccessLog log(path);  // opens the file as the daemon does, which changes nothing
     } else {
         check_log(true, path);
@@ -213,6 +214,9 @@ void check_config(const std::string& path) {
     const Settings settings = read_as_the_daemon(path);
     check_keys(settings);
     load(settings);
+    if (server_config.https_only && !server_config.start_https) {
+        warn("[https_only] HTTP redirects to HTTPS, which is not to be started");
+    }
     const std::string certificate = check_servers();
     check_website();
     print_summary(certificate);

@@ -42,7 +42,6 @@ void read_site(const Settings& settings) {
     server_config.website_path = *path;
     if (path->back() == '/' || path->back() == '\\') server_config.website_path.pop_back();
     server_config.public_site = is_yes(settings, "public_site");
-    if (server_config.public_site) read_public_settings(settings);
 
     server_config.start_http = is_yes(settings, "start_http");
     server_config.start_https = is_yes(settings, "start_https");
@@ -50,6 +49,7 @@ void read_site(const Settings& settings) {
         throw std::runtime_error("No permission to start any server: start_http and/or start_https");
     }
     admit_log_lines(server_config.start_http, server_config.start_https);
+    if (server_config.public_site) read_public_settings(settings);
 }
 
 void require_file(const std::string& path, const std::string& key) {

@@ -7,6 +7,7 @@
 #include <sstream>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 
 #include "config/server_config.h"
 
@@ -60,13 +61,16 @@ void read_headers_file(const std::string& path) {
     }
 }
 
-// Writes an address as the system writes those of clients.
-std::string canonical_address(const std::string& text) {
+// Writes an address as logs write those of clients.
+std::string canonical_address(std::string text) {
+    constexpr std::string_view mapped = "::ffff:";  // before an IPv4 address
     in6_addr address;
+    if (lower_case(text).starts_with(mapped) && text.find('.') != text.npos) text.erase(0, mapped.size());
     for (const int family : {AF_INET, AF_INET6}) {
         char canonical[INET6_ADDRSTRLEN];
-        if (inet_pton(family, text.c_str(), &address) == 1)
+        if (inet_pton(family, text.c_str(), &address) == 1) {
             return inet_ntop(family, &address, canonical, sizeof canonical);
+        }
     }
     throw std::runtime_error("Not an IP address: " + text + " [trusted_proxy]");
 }

@@ -78,16 +78,17 @@ void stop_serving() {
     wait_for_log_writers(writing_time);
 }
 
-void wait_for_descriptor_openers() {
-    const auto deadline = std::chrono::steady_clock::now() + writing_time;
+// The numbers of descriptors that are closed below must not be given to a file that is being sent.
+void wait_for_descriptor_openers(std::chrono::steady_clock::time_point deadline) {
     while (descriptor_openers > 0 && std::chrono::steady_clock::now() < deadline) {
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
 }
 
 [[noreturn]] void full_release() {
+    const auto deadline = std::chrono::steady_clock::now() + writing_time;
     stop_serving();
-    wait_for_descriptor_openers();
+    wait_for_descriptor_openers(deadline);
     close(http_server_socket);
     const int packet_socket = raw_socket.exchange(-1);
     if (packet_socket != -1) close(packet_socket);

@@ -23,7 +23,8 @@ void append_escaped(std::string& line, std::string_view text, std::size_t limit)
         }
         if (line.size() <= end - 4) continue;
         const std::string_view version = text.substr(text.size() - std::min(text.size(), version_form.size()));
-        if (version.starts_with(version_form.substr(0, 6))) line += version_form;
+        const bool is_version = version.starts_with(" HTTP/1.") && (version.back() == '0' || version.back() == '1');
+        if (is_version) line += version;
         return;
     }
 }

@@ -71,7 +71,8 @@ std::string etag_of(const Representation& representation) {
     char text[64];
     char* end = text;
     *end++ = '"';
-    end = std::to_chars(end, std::end(text), std::int64_t{time.tv_sec} * 1'000'000'000 + time.tv_nsec, 16).ptr;
+    const std::uint64_t nanoseconds = static_cast<std::uint64_t>(time.tv_sec) * 1'000'000'000;  // may wrap around
+    end = std::to_chars(end, std::end(text), nanoseconds + static_cast<std::uint64_t>(time.tv_nsec), 16).ptr;
     *end++ = '-';
     end = std::to_chars(end, std::end(text), size_of(representation), 16).ptr;
     std::string etag(text, end);
@@ -217,12 +218,13 @@ class Answering {
         std::optional<std::string> path = relative_path_of(request.path);
         if (!path) return send_not_found();
         const bool is_directory = request.path.ends_with('/');
+        const std::string name = "/" + *path + (is_directory && !path->empty() ? "/" : "");
         if (is_directory) path->append(path->empty() ? "" : "/").append(index_file);
         Representation found{open_in_site(site.directory, *path), {}, ""};
         if (!is_status(found.file, found.status)) return send_not_found();
         if (S_ISDIR(found.status.st_mode) && !is_directory) return redirect_to_directory();
         if (!S_ISREG(found.status.st_mode)) return send_not_found();
-        send_file(*path, std::move(found));
+        send_file(name, *path, std::move(found));
     }
 
   private:
@@ -305,7 +307,8 @@ class Answering {
         }
     }
 
-    void send_file(const std::string& path, Representation chosen) {
+    // name is what was asked for, without empty parts, and path that of the file.
+    void send_file(const std::string& name, const std::string& path, Representation chosen) {
         const ContentType type = content_type_of(std::string_view(path).substr(path.rfind('/') + 1));
         if (type.is_compressible) choose_compressed(path, chosen);
         const std::string etag = etag_of(chosen);
@@ -326,7 +329,7 @@ class Answering {
         add("ETag", etag);
         if (type.is_compressible) add("Vary", "Accept-Encoding");
         for (const HeaderRule& rule : server_config.header_rules) {
-            if (fnmatch(rule.pattern.c_str(), request.path.c_str(), 0) == 0) add(rule.name, rule.value);
+            if (fnmatch(rule.pattern.c_str(), name.c_str(), 0) == 0) add(rule.name, rule.value);
         }
         if (status == 304) return end_head();
         add("Content-Type", type.text);

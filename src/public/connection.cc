@@ -100,8 +100,9 @@ int Connection::count_unacknowledged() const {
 }
 
 std::string Connection::tls_failure() {
-    const char* const reason = ERR_reason_error_string(ERR_peek_last_error());
-    return reason != nullptr ? reason : "";
+    const unsigned long error = ERR_peek_last_error();
+    const char* const reason = ERR_reason_error_string(error);
+    return reason != nullptr && ERR_GET_REASON(error) != SSL_R_UNEXPECTED_EOF_WHILE_READING ? reason : "";
 }
 
 ssize_t Connection::plain_result(ssize_t result, std::uint32_t event) {

@@ -139,11 +139,11 @@ Next Conversation::go_on_sending(Workspace& work) {
 bool Conversation::send_bytes(std::string_view& bytes, bool more) {
     while (!bytes.empty()) {
         if (moved >= bytes_per_turn) {
-            wanted = EPOLLOUT;
+            wait_for_room(EPOLLOUT);
             return true;
         }
         const ssize_t count = connection.write(bytes, more);
-        if (count == would_wait) wait_for_room();
+        if (count == would_wait) wait_for_room(connection.wanted_event());
         if (count < 0) return count == would_wait;
         bytes.remove_prefix(static_cast<std::size_t>(count));
         moved += static_cast<std::uint64_t>(count);
@@ -157,11 +157,11 @@ bool Conversation::send_bytes(std::string_view& bytes, bool more) {
 bool Conversation::send_file() {
     while (left > 0) {
         if (moved >= bytes_per_turn) {
-            wanted = EPOLLOUT;
+            wait_for_room(EPOLLOUT);
             return true;
         }
         const ssize_t count = connection.send_file(file.get(), offset, std::min(left, bytes_per_turn - moved));
-        if (count == would_wait) wait_for_room();
+        if (count == would_wait) wait_for_room(connection.wanted_event());
         if (count < 0) return count == would_wait;
         const auto taken = static_cast<std::uint64_t>(count);
         offset += taken;
@@ -173,8 +173,8 @@ bool Conversation::send_file() {
     return true;
 }
 
-void Conversation::wait_for_room() {
-    wanted = connection.wanted_event();
+void Conversation::wait_for_room(std::uint32_t event) {
+    wanted = event;
     last_unacknowledged = connection.count_unacknowledged();
 }
 
@@ -224,5 +224,5 @@ Rest Conversation::rest() const {
 
 void Conversation::tell_failed_handshake(Workspace& work) const {
     const std::string reason = Connection::tls_failure();
-    if (!reason.empty()) work.events.tell(EventLog::handshake, address.text + " TLS handshake failed: " + reason);
+    if (!reason.empty()) work.events.tell(EventLog::handshake, address.text, " TLS handshake failed: " + reason);
 }

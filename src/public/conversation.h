@@ -72,7 +72,7 @@ class Conversation {
     Next go_on_sending(Workspace& work);
     bool send_bytes(std::string_view& bytes, bool more);
     bool send_file();
-    void wait_for_room();
+    void wait_for_room(std::uint32_t event);
     Next finish_answer(Workspace& work, const AccessLine& line);
     void log_answer(Workspace& work, const AccessLine& line) const;
     Next drop_input();

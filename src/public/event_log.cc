@@ -1,8 +1,14 @@
 #include "public/event_log.h"
 
-void EventLog::tell(Kind kind, const std::string& text) noexcept {
+#include <new>
+
+void EventLog::tell(Kind kind, const std::string& text, const std::string& detail) noexcept {
     const auto now = std::chrono::steady_clock::now();
     if (now - told_at[kind] < std::chrono::seconds(1)) return;
     told_at[kind] = now;
-    log_to_targets(target, text, context);
+    try {
+        log_to_targets(target, text + detail, context);
+    } catch (const std::bad_alloc&) {
+        // The next one may find memory again.
+    }
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <array>
+#include <chrono>
 #include <cstddef>
 #include <string>
 
@@ -14,8 +15,8 @@ class EventLog {
 
     explicit EventLog(LogTarget server_log) : target(server_log), context(thread_context()) {}
 
-    // Throws nothing: what cannot be told is left out.
-    void tell(Kind kind, const std::string& text) noexcept;
+    // The line is text and detail. Throws nothing: what cannot be told is left out.
+    void tell(Kind kind, const std::string& text, const std::string& detail) noexcept;
 
   private:
     const LogTarget target;

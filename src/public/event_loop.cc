@@ -21,6 +21,7 @@ using std::chrono::seconds;
 
 constexpr int most_events = 256;  // a round
 constexpr int accepts_per_round = 64;
+constexpr int drops_per_round = 256;
 constexpr int longest_wait = 100;  // milliseconds, so that the loop sees soon that it is to end
 constexpr seconds longest_rest[] = {seconds(10), seconds(60), seconds(2)};  // by Rest
 
@@ -112,18 +113,20 @@ void EventLoop::accept_connections() {
                 receive(std::move(socket), address_of_peer(peer));
             } else if (errno == EMFILE || errno == ENFILE) {
                 return refuse_without_descriptors();
-            } else if (errno == EAGAIN || errno == ENOMEM || errno == ENOBUFS) {
+            } else if (errno == EAGAIN) {
                 return;
+            } else if (errno == ENOMEM || errno == ENOBUFS) {
+                return events.tell(EventLog::fault, "Error accept: ", std::strerror(errno));
             }
         } catch (const std::exception& error) {
-            events.tell(EventLog::fault, std::string("Error accept: ") + error.what());
+            events.tell(EventLog::fault, "Error accept: ", error.what());
         }
     }
 }
 
 void EventLoop::receive(Descriptor socket, const Address& address) {
     if (!all_visitors().admit(address, now)) {
-        return events.tell(EventLog::refusal, address.text + " " + too_many_requests_text);
+        return events.tell(EventLog::refusal, address.text, std::string(" ") + too_many_requests_text);
     }
     Guests& beginning = guests[static_cast<std::size_t>(Rest::beginning)];
     try {
@@ -140,7 +143,7 @@ void EventLoop::receive(Descriptor socket, const Address& address) {
 
 // Otherwise the connection that waits would wake this loop again and again.
 void EventLoop::refuse_without_descriptors() {
-    events.tell(EventLog::fault, std::string("Error accept: ") + std::strerror(EMFILE));
+    events.tell(EventLog::fault, "Error accept: ", std::strerror(errno));
     drop_longest_resting();
     reserve = Descriptor();
     const Descriptor refused(accept4(listening_socket, nullptr, nullptr, SOCK_CLOEXEC));
@@ -157,8 +160,8 @@ void EventLoop::give_turn(Guest& guest) {
             guest.is_ready = true;
         }
     } catch (const std::exception& error) {
-        events.tell(EventLog::fault, std::string("Error handling client: ") + error.what());
         drop(guest);
+        events.tell(EventLog::fault, "Error handling client: ", error.what());
     }
 }
 
@@ -184,6 +187,7 @@ void EventLoop::arrange(Guest& guest) {
 
 void EventLoop::drop(Guest& guest) {
     guest.is_dropped = true;
+    if (guest.is_ready) std::erase(ready, &guest);
     dropped.splice(dropped.end(), guests[static_cast<std::size_t>(guest.rest)], guest.place);
     try {
         guest.conversation.end(work);
@@ -204,16 +208,18 @@ void EventLoop::drop_longest_resting() {
 // When there are too many connections, at least one loop has more than its share, and drops those above it.
 void EventLoop::make_room() {
     const auto count = [this] { return guests[0].size() + guests[1].size() + guests[2].size(); };
-    while (all_visitors().is_over_room() && count() > all_visitors().share_of_loop()) {
+    for (int drops = 0; drops < drops_per_round; ++drops) {
+        if (!all_visitors().is_over_room() || count() <= all_visitors().share_of_loop()) return;
         drop_longest_resting();
         dropped.clear();
     }
 }
 
 void EventLoop::drop_overdue() {
+    int drops = 0;
     for (Guests& resting : guests) {
         const auto limit = longest_rest[&resting - guests.data()];
-        while (!resting.empty() && now - resting.front().since >= limit) {
+        for (; drops < drops_per_round && !resting.empty() && now - resting.front().since >= limit; ++drops) {
             Guest& guest = resting.front();
             if (guest.conversation.has_client_taken()) {
                 guest.since = now;

@@ -46,6 +46,6 @@ class EventLoop {
     Workspace work;
     std::chrono::steady_clock::time_point now;
     std::array<Guests, 3> guests;  // by their Rest, each since longest first
-    Guests dropped;                // freed at the end of the round: events of this round may still name them
+    Guests dropped;                // freed at the end of the round: its events may still name them, ready does not
     std::vector<Guest*> ready;     // for another turn in the next round
 };

@@ -4,7 +4,7 @@
 
 #include "base/descriptor.h"
 
-// Opens the directory of the website, without the right to read it as a file. Throws std::system_error.
+// Opens the directory of the website, without the right to read it as a file. Throws std::runtime_error.
 Descriptor open_website();
 
 // Each serves the configured website as a public site until server_running is cleared. Loops that are stuck in the

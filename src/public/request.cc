@@ -162,12 +162,12 @@ int read_request_line(std::string_view line, Request& request) {
     if (second == line.npos) return 400;
     const std::string_view method = line.substr(0, first);
     const std::string_view target = line.substr(first + 1, second - first - 1);
+    request.method = method == "GET" ? Method::get : method == "HEAD" ? Method::head : Method::other;
     const auto is_visible = [](char character) {
         return static_cast<unsigned char>(character) > ' ' && character != '\x7f';
     };
     if (target.size() > target_limit) return 414;
     if (!is_token(method) || !std::all_of(target.begin(), target.end(), is_visible)) return 400;
-    request.method = method == "GET" ? Method::get : method == "HEAD" ? Method::head : Method::other;
     if (const int status = read_version(line.substr(second + 1), request); status != 200) return status;
     if (target.starts_with('/')) {
         request.target = target;
@@ -187,9 +187,11 @@ bool read_field(std::string_view line, Request& request) {
     for (std::size_t index = 0; index < std::size(field_names); ++index) {
         if (!equals_ignoring_case(name, field_names[index])) continue;
         std::string& known = request.fields[index];
-        // An empty length is malformed, and so is an empty name of a coding.
+        // Of these three an empty one is malformed, and must not hide another one.
         const Field field{static_cast<int>(index)};
-        if (value.empty() && (field == Field::content_length || field == Field::transfer_encoding)) return false;
+        const bool is_needed =
+            field == Field::content_length || field == Field::host || field == Field::transfer_encoding;
+        if (value.empty() && is_needed) return false;
         if (!known.empty()) known += ", ";
         known += value;
         break;
@@ -257,6 +259,7 @@ int read_head(std::string_view head, Request& request) {
 int judge_incomplete_head(std::string_view bytes, Request& request) {
     std::string_view rest = bytes;
     request.line = take_line(rest);
+    if (bytes.starts_with("HEAD ")) request.method = Method::head;  // whose answer has no page
     const std::size_t blank = std::min(bytes.find(' '), bytes.size());
     if (!std::all_of(bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(std::min<std::size_t>(blank, 16)),
                      is_token_character) &&

@@ -43,7 +43,7 @@ std::string stamp_of_files() {
         struct stat status {};
         if (!name->empty()) stat(name->c_str(), &status);
         for (const auto number :
-             {status.st_mtim.tv_sec, status.st_mtim.tv_nsec, static_cast<long>(status.st_ino), status.st_size}) {
+             {status.st_ctim.tv_sec, status.st_ctim.tv_nsec, static_cast<long>(status.st_ino), status.st_size}) {
             stamp += std::to_string(number) + " ";
         }
     }
@@ -55,13 +55,12 @@ std::string stamp_of_files() {
 SslContext make_public_context() {
     SslContext owner = make_ssl_context();
     SSL_CTX* const context = owner.get();
-    if (!server_config.use_pem_file) {
-        // Unlike the exact server's: all certificates of the file, and those of chain_file, are sent.
-        if (SSL_CTX_use_certificate_chain_file(context, server_config.crt_file.c_str()) != 1) {
-            throw std::runtime_error("Failed to load certificate or private key");
-        }
-        if (server_config.has_chain) add_chain_file(context);
+    // Unlike the exact server's: all certificates of the file, and those of chain_file, are sent.
+    const std::string& file = server_config.use_pem_file ? server_config.pem_file : server_config.crt_file;
+    if (SSL_CTX_use_certificate_chain_file(context, file.c_str()) != 1) {
+        throw std::runtime_error("Failed to load certificate or private key");
     }
+    if (!server_config.chain_file.empty()) add_chain_file(context);
     if (SSL_CTX_check_private_key(context) != 1) throw std::runtime_error("Private Key does not match the Certificate");
     SSL_CTX_set_options(context, SSL_OP_CIPHER_SERVER_PREFERENCE | SSL_OP_NO_RENEGOTIATION);
     SSL_CTX_set_mode(context, SSL_MODE_ENABLE_PARTIAL_WRITE | SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER |
@@ -73,7 +72,7 @@ SslContext make_public_context() {
     return owner;
 }
 
-TlsContexts::TlsContexts() : context(make_public_context()), stamp(stamp_of_files()) {}
+TlsContexts::TlsContexts() : stamp(stamp_of_files()), context(make_public_context()) {}
 
 std::shared_ptr<SSL_CTX> TlsContexts::current() const {
     const std::lock_guard guard(lock);
@@ -82,10 +81,18 @@ std::shared_ptr<SSL_CTX> TlsContexts::current() const {
 
 bool TlsContexts::renew() {
     std::string present = stamp_of_files();
-    if (present == stamp) return false;
+    const bool is_changed = present != stamp;
+    if (!is_changed && !has_failed_before) return false;
     stamp = std::move(present);
-    std::shared_ptr<SSL_CTX> renewed = make_public_context();
-    const std::lock_guard guard(lock);
-    context.swap(renewed);
+    try {
+        std::shared_ptr<SSL_CTX> renewed = make_public_context();
+        const std::lock_guard guard(lock);
+        context.swap(renewed);
+    } catch (const std::runtime_error&) {
+        has_failed_before = true;  // the next attempt may have more luck, for instance with descriptors
+        if (is_changed) throw;
+        return false;
+    }
+    has_failed_before = false;
     return true;
 }

@@ -15,14 +15,16 @@ class TlsContexts {
     // The context for a new connection. Never null.
     std::shared_ptr<SSL_CTX> current() const;
 
-    // Makes a new context when the files have changed. Returns true when there is one. Throws std::runtime_error, once
-    // for each change, when the files cannot be used; the context then stays as it is.
+    // Makes a new context when the files have changed, or could not be used the last time. Returns true when there is
+    // one. Throws std::runtime_error, once for each change, when the files cannot be used; the context then stays as it
+    // is. To be called by one thread.
     bool renew();
 
   private:
-    mutable std::mutex lock;  // guards the context
+    std::string stamp;               // of the files that were tried last; for the thread that renews
+    bool has_failed_before = false;  // likewise
+    mutable std::mutex lock;         // guards the context
     std::shared_ptr<SSL_CTX> context;
-    std::string stamp;  // of the files that were tried last; for the thread that renews
 };
 
 // Makes the context of a public server from the settings. Throws std::runtime_error with the text to log.

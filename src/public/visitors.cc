@@ -11,17 +11,17 @@ namespace {
 
 constexpr std::chrono::seconds period_length{11};
 constexpr int allowance = 1000;
-constexpr std::size_t share_of_one = 4;            // an address may hold one fourth of the room
+constexpr std::size_t share_of_one = 4;  // an address may hold one fourth of the room
+constexpr rlim_t usual_limit = 1024;
 constexpr std::size_t descriptors_beside = 64;     // logs, listening sockets, loops
 constexpr std::size_t most_connections = 1 << 20;  // where descriptors are not limited
 
 // Raises the limit of descriptors as far as it goes. Returns how many connections it has room for.
 std::size_t find_room() {
-    rlimit limit{};
+    rlimit limit{usual_limit, usual_limit};  // where the system does not tell
     getrlimit(RLIMIT_NOFILE, &limit);
-    limit.rlim_cur = limit.rlim_max;
-    setrlimit(RLIMIT_NOFILE, &limit);
-    getrlimit(RLIMIT_NOFILE, &limit);
+    const rlimit raised{limit.rlim_max, limit.rlim_max};
+    if (setrlimit(RLIMIT_NOFILE, &raised) == 0) limit = raised;
     const std::size_t descriptors = std::max<std::size_t>(limit.rlim_cur, descriptors_beside + 8) - descriptors_beside;
     return std::min(descriptors / 2, most_connections);
 }

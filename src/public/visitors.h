@@ -10,7 +10,7 @@
 #include <string>
 #include <unordered_map>
 
-// An address as accept gives it, IPv4 addresses in the form of IPv6.
+// The address of a client.
 struct Address {
     std::string text;  // how logs write it; dotted decimal for IPv4
     std::string key;   // what counts as one visitor: an IPv4 address, or the first 64 bits of an IPv6 address
