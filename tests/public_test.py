@@ -83,9 +83,10 @@ ROWS = [
     *rows(400, ["/%", "/%4", "/%zz", "/a.txt%00", "/%00/a.txt"]),
     *rows(404, ["/none", "/none.txt", "/a.txt/", "/.git/config", "/%2egit/config", "/docs/.page", "/..", "/out",
                 "/./a.txt", "/docs/../a.txt", "/docs/%2e%2e/a.txt", "/../site-old/index.html",
-                "/..%2Fsite-old/index.html", "/beside/index.html", "//etc/passwd", "/circle", "/pipe", "/closed/x", "/empty/", "/" + 256 * "n",
-                "/" + 8191 * "a", "/d" + 254 * "/d" + "/once", "/a.txt%2541", "/" + 2030 * "/.",
-                "/none\nIf-None-Match: *\nIf-Match: *\nRange: bytes=0-1"], LOST, x_text=None, content_range=None),
+                "/..%2Fsite-old/index.html", "/beside/index.html", "//etc/passwd", "/circle", "/pipe", "/closed/x",
+                "/empty/", "/" + 256 * "n", "/" + 8191 * "a", "/d" + 254 * "/d" + "/once", "/a.txt%2541",
+                "/" + 2030 * "/.", "/none\nIf-None-Match: *\nIf-Match: *\nRange: bytes=0-1"], LOST,
+          x_text=None, content_range=None),
     # Directories
     *[case for target, location in (
         ("/docs?a=%2F", "/docs/?a=%2F"), ("/%64ocs", "/%64ocs/"), ("///docs", "/docs/"), ("/absolute", "/absolute/"),
@@ -305,17 +306,17 @@ class Public(unittest.TestCase):
                     self.assertIn(client.ask()[0], (200, 301))
 
     def test_answers_and_logs_every_row(self):
-        self.answers_and_logs_every_row("", LOST)
-        Daemon.next_port -= 2  # binds while connections of the first linger
-        self.answers_and_logs_every_row(CONTAINED, None)
+        for prefix, page in (("", LOST), (CONTAINED, None)):
+            with self.start_with_site(prefix, page) as daemon:
+                self.answers_and_logs_every_row(daemon, page)
+            Daemon.next_port -= 2  # the next one binds while connections linger
 
-    def answers_and_logs_every_row(self, prefix, page):
+    def start_with_site(self, prefix, page):
         directory = f"{WORK}/{Daemon.next_port}"
         write(f"{directory}/headers", "*.txt X-Text: 1\n*/ X-Page: 1\n")
         os.symlink("site", f"{directory}/link")
-        daemon = self.enterContext(PublicDaemon(
-            f"website_path={directory}/../{os.path.basename(directory)}/link/.\nheaders_file={directory}/headers\n",
-            prefix + UNPRIVILEGED))
+        daemon = PublicDaemon(f"website_path={directory}/../{os.path.basename(directory)}/link/.\n"
+                              f"headers_file={directory}/headers\n", prefix + UNPRIVILEGED)
         texts = {"0123456789": ["a.txt"], "docs": ["docs/index.html"], "plain": ["future.css", "older.css"],
                  "secret": ["../site-old/index.html", ".git/config", "docs/.page", "closed/x"],
                  "as gz": ["future.css.gz"],
@@ -334,6 +335,9 @@ class Public(unittest.TestCase):
             os.utime(f"{daemon.site}/{name}", (0, seconds))
         os.chmod(f"{daemon.site}/closed", 0)
         os.mkfifo(f"{daemon.site}/pipe")
+        return daemon
+
+    def answers_and_logs_every_row(self, daemon, page):
         cases = ROWS if page else [(*case[:2], None if case[2] == LOST else case[2], *case[3:]) for case in ROWS]
         for server in SERVERS:
             self.check(daemon, server, cases, ETAG=daemon.ask(server, get("/a.txt"))[1]["etag"],
