@@ -53,6 +53,7 @@ class Process(unittest.TestCase):
 
     def test_a_server_that_cannot_be_set_up_ends_the_daemon(self):
         cases = [  # settings, the last line in the log, the command
+            (f"pem_file={TLS}/weak.pem", "Failed to load Certificate from PEM"),
             (f"chain_file={TLS}/good.key", "Failed to load certificate bundle (CA chain)"),
             ("", "Failed to create RAW socket", without("net_raw")),
             ("port_https=443", "Failed to bind HTTPS socket", without("net_bind_service")),

@@ -160,7 +160,8 @@ def make_certificates():
         make leaf -newkey $curve -CA middle.crt -CAkey middle.key &&
         openssl req -new -key good.key -subj /CN=good -out request &&
         openssl x509 -req -in request -signkey good.key -days -1 -out expired.crt &&
-        cat leaf.key leaf.crt middle.crt >chain.pem && cat root.key good.crt >mismatch.pem"""
+        cat leaf.key leaf.crt middle.crt >chain.pem && cat root.key good.crt >mismatch.pem &&
+        cat good.key weak.crt >weak.pem"""
     _, errors, status = run(script)
     if status != 0:
         raise RuntimeError(errors)
