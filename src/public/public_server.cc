@@ -28,6 +28,7 @@ namespace {
 using std::chrono::milliseconds;
 
 constexpr int backlog = 4096;
+constexpr int most_unsent = 16 << 10;  // bytes of a connection that wait in the system for the client
 constexpr milliseconds pause_length{100};
 constexpr int pauses_until_files = 10;          // a second between looks at the website and the access log
 constexpr int pauses_until_certificates = 600;  // a minute
@@ -47,6 +48,8 @@ Descriptor open_socket(int family, std::uint16_t port) {
     setsockopt(server.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
     // Taken over by the connections. Otherwise the second answer of one would wait for the client's acknowledgement.
     setsockopt(server.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+    // Taken over, too: what the system holds for clients that do not read is memory that all others lack.
+    setsockopt(server.get(), IPPROTO_TCP, TCP_NOTSENT_LOWAT, &most_unsent, sizeof most_unsent);
     sockaddr_in6 address{};
     address.sin6_family = AF_INET6;
     address.sin6_port = htons(port);

@@ -13,7 +13,9 @@ constexpr std::chrono::seconds period_length{11};
 constexpr int allowance = 1000;
 constexpr std::size_t share_of_one = 4;  // an address may hold one fourth of the room
 constexpr rlim_t usual_limit = 1024;
-constexpr std::size_t descriptors_beside = 64;     // logs, listening sockets, loops
+// For logs, listening sockets and loops, and for the connections that these accept before they make room.
+constexpr std::size_t least_reserve = 64;
+constexpr std::size_t share_of_reserve = 16;       // a sixteenth of all descriptors
 constexpr std::size_t most_connections = 1 << 20;  // where descriptors are not limited
 
 // Raises the limit of descriptors as far as it goes. Returns how many connections it has room for.
@@ -22,7 +24,8 @@ std::size_t find_room() {
     getrlimit(RLIMIT_NOFILE, &limit);
     const rlimit raised{limit.rlim_max, limit.rlim_max};
     if (setrlimit(RLIMIT_NOFILE, &raised) == 0) limit = raised;
-    const std::size_t descriptors = std::max<std::size_t>(limit.rlim_cur, descriptors_beside + 8) - descriptors_beside;
+    const std::size_t reserve = std::max<std::size_t>(limit.rlim_cur / share_of_reserve, least_reserve);
+    const std::size_t descriptors = std::max<std::size_t>(limit.rlim_cur, reserve + 8) - reserve;
     return std::min(descriptors / 2, most_connections);
 }
 
