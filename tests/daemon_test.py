@@ -44,8 +44,7 @@ class Process(unittest.TestCase):
         os.remove("/run/marluserver.pid")
 
     def test_a_refused_configuration_ends_the_daemon_also_without_a_pid_file(self):
-        start = "ln -s /none/none /run/marluserver.pid && ./marluserver start"
-        daemon = self.enterContext(Daemon("port=x", start))
+        daemon = self.enterContext(Daemon("port=x", "ln -s /none/none /run/marluserver.pid && ./marluserver start"))
         self.assertEqual(daemon.wait(), 0)
         self.assertEqual(daemon.messages(), f"The configuration file located at the following path is used: "
                          f"{daemon.config_file}\n\nError reading configuration: \nValue is not a number. [port] \n"

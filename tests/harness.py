@@ -158,10 +158,9 @@ def make_certificates():
         make good -newkey $curve && make root -newkey $curve && make weak -newkey rsa:512 &&
         make middle -newkey $curve -CA root.crt -CAkey root.key &&
         make leaf -newkey $curve -CA middle.crt -CAkey middle.key &&
-        openssl req -new -key good.key -subj /CN=good -out request &&
+        openssl req -new -key good.key -subj /CN=good -out request && cat good.key weak.crt >weak.pem &&
         openssl x509 -req -in request -signkey good.key -days -1 -out expired.crt &&
-        cat leaf.key leaf.crt middle.crt >chain.pem && cat root.key good.crt >mismatch.pem &&
-        cat good.key weak.crt >weak.pem"""
+        cat leaf.key leaf.crt middle.crt >chain.pem && cat root.key good.crt >mismatch.pem"""
     _, errors, status = run(script)
     if status != 0:
         raise RuntimeError(errors)
