@@ -5,13 +5,14 @@ import shutil
 import socket
 import unittest
 
-from harness import PROGRAMS, TLS, WORK, cache_slot, make_certificates, read, run, write
+from harness import PROGRAMS, ROOT, TLS, WORK, cache_slot, make_certificates, read, run, write
 
 CHECK = f"{PROGRAMS}/marlu-check"
 SITE = f"{WORK}/site"
 HTTP = f"website_path={SITE}/docs\nstart_http=y\n"
 HTTPS = (f"website_path={SITE}/docs\nstart_https=y\nport_https=8443\ncipher_list=ALL:@SECLEVEL=1\n"
          f"crt_file={TLS}/good.crt\nkey_file={TLS}/good.key\n")
+PUBLIC = f"{HTTP}public_site=y\naccess_log={WORK}/access.log\n"
 MISSING = "The path to the file is incorrect. "
 
 
@@ -60,12 +61,24 @@ class Config(unittest.TestCase):
             (HTTPS + "cipher_list=none", "Error installing cipher list: none"),
             (HTTPS + "cache_ignore=/run", MISSING + "[cache_ignore]"),
             (HTTPS + "start_http=y\nport=73979", "[port_http] and [port_https] are equal: only one server can bind it"),
+            (PUBLIC + "website_path=/none", "Failed to open the website: No such file or directory"),
+            (PUBLIC + "access_log=/dev/null", "The access log is not a regular file. [access_log]"),
+            (PUBLIC + "access_log=/none/log", "Failed to open log file: /none/log - No such file or directory"),
+            (PUBLIC + "trusted_proxy=::1, 10.0.0", "Not an IP address: 10.0.0 [trusted_proxy]"),
+            (PUBLIC + "headers_file=/run", MISSING + "File missing. [headers_file]"),
+            (HTTPS + PUBLIC + f"key_file={TLS}/weak.key", "Private Key does not match the Certificate"),
             (HTTPS, "Failed to create RAW socket", "setpriv --bounding-set -net_raw"),
             (HTTPS + "port_https=443", "Port 443: Permission denied", "setpriv --bounding-set -net_bind_service"),
         ]
         for settings, error, *prefix in cases:
             self.assertEqual(check(settings, *prefix), ("", f"{error}\n", 1), settings)
         self.assertEqual(run(f"{CHECK} config /none"), ("", "Unable to open configuration file: /none\n", 1))
+        for line, error in (("*.html", "it is not PATTERN Name: value"), ("* X y: 1", 'no header has the name "X y"'),
+                            ("* X:", "the value is not printable ASCII"), ("* X: \1", "the value is not printable ASCII"),
+                            ("* dATE: 1", "the server itself makes the header dATE")):
+            write(f"{WORK}/headers", f"# note\n\n\t*.html X-a: b: c\n{line}\n* :")
+            error = f"Line 4 of the headers file: {error}. [headers_file]\n"
+            self.assertEqual(check(PUBLIC + f"headers_file={WORK}/headers"), ("", error, 1), line)
 
     def test_has_the_logs_that_the_daemon_could_open(self):
         run("mkdir -m 1777 sticky && touch sticky/foreign && chown 1 sticky/foreign && "
@@ -104,6 +117,9 @@ class Config(unittest.TestCase):
             (HTTP + f"website_path={SITE}/docs/old", "", f"[website_path] {SITE}/docs/older begins with it\npublic_site=yes"),
             (HTTPS + f"public_site=y\nwebsite_path={WORK}/link/.", "served       as a public site\naccess log   off\n",
              "[access_log] is missing"),
+            (HTTP + "https_only=y", "", "[https_only] has no effect without public_site=yes"),
+            (PUBLIC + "https_only=y\ntrusted_proxy=::FFFF:1.2.3.4,::1", f"access log   {WORK}/access.log\n",
+             "[https_only] HTTP redirects to HTTPS"),
             (HTTP + "website_path=C:\\", " C:\n", "[website_path] is no directory"),
             (HTTP + "website_path=/", "website      \n", "[website_path] is the root directory"),
             (HTTPS, "not cached   0 files", ""),
@@ -119,6 +135,12 @@ class Config(unittest.TestCase):
             lines = "".join(f"warning: {re.escape(line)}.*\n" for line in warning.splitlines())
             self.assertRegex(errors, rf"\A{lines}\Z", settings)
             self.assertEqual(status, 0, settings)
+
+
+    def test_knows_the_keys_of_the_manual(self):
+        keys = check(HTTP + "x=")[1].rpartition("the keys are ")[2].split()
+        page = read(f"{ROOT}/packaging/man/marluserver.cfg.5")
+        self.assertEqual(sorted(keys), sorted(re.findall(r"^\.It Ic (\w+)$", page, re.MULTILINE)))
 
 
 class List(unittest.TestCase):
@@ -151,3 +173,7 @@ class List(unittest.TestCase):
         self.assertEqual(run(f"{CHECK} list {site}"), ("", "", 0))
         write(f"{site}/c", "c")
         self.assertEqual(run(f"{CHECK} list {site}"), ("a\n", "", 0))
+        run("head -c 2000 /dev/zero | tee new.css old.js >none.html && touch -d 2020-01-01 old.js.gz && touch new.css.br",
+            cwd=site)
+        told = [line.partition(":")[0] for line in run(f"{CHECK} list {site}")[1].splitlines() if "compressed" in line]
+        self.assertEqual(told, ["none.html", "old.js"])

@@ -77,7 +77,6 @@ void check_log(bool is_enabled, const std::string& path) {
 }
 
 void check_access_log(const std::string& path) {
-    if (path.empty()) return warn("[access_log] is missing: nothing tells who visits the site");
     std::error_code error;
     if (fs::exists(path, error)) {
         const AccessLog log(path);  // opens the file as the daemon does, which changes nothing
@@ -91,7 +90,7 @@ void load(const Settings& settings) {
     check_log(server_config.http_log_enabled, server_config.http_log_file);
     check_log(server_config.https_log_enabled, server_config.https_log_file);
     read_server_settings(settings, "");
-    if (server_config.public_site) check_access_log(server_config.access_log);
+    if (!server_config.access_log.empty()) check_access_log(server_config.access_log);
 }
 
 void check_port_of(const std::string& key, std::int32_t port) {
@@ -214,6 +213,9 @@ void check_config(const std::string& path) {
     const Settings settings = read_as_the_daemon(path);
     check_keys(settings);
     load(settings);
+    if (server_config.public_site && server_config.access_log.empty()) {
+        warn("[access_log] is missing: nothing tells who visits the site");
+    }
     if (server_config.https_only && !server_config.start_https) {
         warn("[https_only] HTTP redirects to HTTPS, which is not to be started");
     }
