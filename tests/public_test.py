@@ -381,6 +381,11 @@ class Public(unittest.TestCase):
             self.assertEqual(client.read()[2], "hello")
             if server == "http":
                 self.assertEqual(client.file.read(), b"")
+        padding = "Padding: " + 960 * "a"
+        for _ in range(5):  # each leaves in the round in which it asks for another turn
+            client = self.client(daemon, "http")
+            client.send(39 * get("/", padding) + get("/", padding, "Connection: close"))
+            self.assertEqual([client.read()[2] for _ in range(40)], 40 * ["hello"])
 
     def test_drops_who_takes_more_than_ten_seconds(self):
         daemon = self.start()
