@@ -110,7 +110,7 @@ Next Conversation::begin_answer(Workspace& work) {
     if (answer.file && answer.size <= small_file && !take_in_file(answer)) is_kept = false;
 
     std::string_view bytes = answer.bytes;
-    const bool is_sound = send_bytes(bytes, static_cast<bool>(answer.file));
+    const bool is_sound = send_bytes(bytes, answer.file || !is_kept);
     if (is_sound && bytes.empty() && !answer.file) return finish_answer(work, work.access_line);
     is_sending = true;
     unsent = bytes;
