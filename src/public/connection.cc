@@ -1,6 +1,8 @@
 #include "public/connection.h"
 
 #include <linux/sockios.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <openssl/err.h>
 #include <openssl/ssl.h>
 #include <sys/epoll.h>
@@ -29,6 +31,20 @@ SSL* make_session(SSL_CTX* context, int socket) {
     SSL_set_accept_state(session);
     return session;
 }
+
+// While an object lives the system sends only full segments, so that the records of a file need fewer of them.
+class FullSegments {
+  public:
+    explicit FullSegments(int connected_socket) : socket(connected_socket) { set(1); }
+    ~FullSegments() { set(0); }
+    FullSegments(const FullSegments&) = delete;
+    FullSegments& operator=(const FullSegments&) = delete;
+
+  private:
+    void set(int value) const { setsockopt(socket, IPPROTO_TCP, TCP_CORK, &value, sizeof value); }
+
+    const int socket;
+};
 
 }  // namespace
 
@@ -64,11 +80,18 @@ ssize_t Connection::send_file(int file, std::uint64_t offset, std::uint64_t size
         const ssize_t count = plain_result(sendfile(client_socket.get(), file, &position, size), EPOLLOUT);
         return count == 0 ? has_failed : count;
     }
-    // After would_wait the same piece is read again: OpenSSL has it already and asks only for the same size.
+    const FullSegments full_segments(client_socket.get());
     char piece[record_size];
-    const ssize_t count = pread(file, piece, std::min<std::uint64_t>(size, sizeof piece), position);
-    if (count <= 0) return has_failed;
-    return write({piece, static_cast<std::size_t>(count)}, false);
+    std::uint64_t sent = 0;
+    while (sent < size) {
+        // After would_wait the same piece is read again: OpenSSL has it already and asks only for the same size.
+        const ssize_t count = pread(file, piece, std::min<std::uint64_t>(size - sent, sizeof piece), position);
+        const ssize_t taken = count > 0 ? write({piece, static_cast<std::size_t>(count)}, false) : has_failed;
+        if (taken < 0) return sent > 0 ? static_cast<ssize_t>(sent) : taken;
+        position += taken;
+        sent += static_cast<std::uint64_t>(taken);
+    }
+    return static_cast<ssize_t>(sent);
 }
 
 void Connection::say_goodbye() {
