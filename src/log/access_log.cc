@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <new>
 #include <stdexcept>
 #include <utility>
 
@@ -28,8 +29,12 @@ int open_for_appending(const std::string& name) {
     return descriptor;
 }
 
-void tell(const std::string& message) {
-    log_to_targets(log_target_both, message, thread_context());
+void tell(std::string_view text, std::string_view detail) {
+    try {
+        log_to_targets(log_target_both, std::string(text).append(detail), thread_context());
+    } catch (const std::bad_alloc&) {
+        // The access log goes on without.
+    }
 }
 
 }  // namespace
@@ -46,8 +51,8 @@ void AccessLog::append(std::string_view lines) {
     if (error == 0) error = write_out(lines, false);
     if ((error != 0) == is_failing) return;
     is_failing = error != 0;
-    tell(is_failing ? std::string("Failed to write the access log: ") + std::strerror(error)
-                    : "The access log is written again");
+    tell(is_failing ? "Failed to write the access log: " : "The access log is written again",
+         is_failing ? std::strerror(error) : "");
 }
 
 void AccessLog::follow_name() {
@@ -64,7 +69,7 @@ void AccessLog::follow_name() {
         close(std::exchange(descriptor, next));
         has_lost_name = false;
     } catch (const std::runtime_error& error) {
-        if (!std::exchange(has_lost_name, true)) tell(error.what());
+        if (!std::exchange(has_lost_name, true)) tell(error.what(), "");
     }
 }
 

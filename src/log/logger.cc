@@ -74,7 +74,7 @@ void Logger::run() {
         queue_cv.wait(lock, [this] { return !queue.empty() || flush_requested || stop; });
         if (!queue.empty()) {
             // The whole queue is swapped out at once, so that no caller ever waits for the disk.
-            std::deque<LogEntry> batch;
+            std::vector<LogEntry> batch;
             batch.swap(queue);
             lock.unlock();
             for (const LogEntry& entry : batch) {

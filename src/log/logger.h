@@ -4,12 +4,12 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
-#include <deque>
 #include <fstream>
 #include <mutex>
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <vector>
 
 enum LogLevel : std::int32_t { log_debug = 0, log_info = 1, log_warn = 2, log_error = 3 };
 
@@ -50,7 +50,7 @@ class Logger {
     std::thread writer;
     std::mutex queue_mutex;  // guards the queue and the three flags; log reads disabled without it
     std::condition_variable queue_cv;
-    std::deque<LogEntry> queue;  // oldest first
+    std::vector<LogEntry> queue;  // oldest first
     // Intended: nothing in the daemon sets these three; they are honoured all the same.
     bool stop = false;
     bool flush_requested = false;

@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cstddef>
 #include <string>
+#include <string_view>
 
 #include "log/log.h"
 
@@ -16,7 +17,7 @@ class EventLog {
     explicit EventLog(LogTarget server_log) : target(server_log), context(thread_context()) {}
 
     // The line is text and detail. Throws nothing: what cannot be told is left out.
-    void tell(Kind kind, const std::string& text, const std::string& detail) noexcept;
+    void tell(Kind kind, std::string_view text, std::string_view detail) noexcept;
 
   private:
     const LogTarget target;

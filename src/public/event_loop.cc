@@ -75,31 +75,39 @@ EventLoop::EventLoop(int server_socket, const Site& site, LogTarget target, TlsC
 EventLoop::~EventLoop() = default;
 
 void EventLoop::run() {
-    epoll_event happened[most_events];
     while (server_running) {
-        const int count = epoll_wait(epoll.get(), happened, most_events, ready.empty() ? longest_wait : 0);
-        note_time();
-        const std::vector<Guest*> waiting = std::move(ready);
-        ready.clear();
-        for (Guest* const guest : waiting) {
-            guest->is_ready = false;
-            if (server_running && !guest->is_dropped) give_turn(*guest);
+        try {
+            go_round();
+        } catch (const std::bad_alloc& error) {
+            events.tell(EventLog::fault, "Error: ", error.what());
         }
-        for (int index = 0; index < count && server_running; ++index) {
-            Guest* const guest = static_cast<Guest*>(happened[index].data.ptr);
-            if (guest == nullptr) {
-                accept_connections();
-            } else if (!guest->is_dropped) {
-                give_turn(*guest);
-            }
-        }
-        drop_overdue();
-        // Before the next wait: what was answered is never in memory alone.
-        if (!work.log_lines.empty()) access_log->append(work.log_lines);
-        work.log_lines.clear();
-        dropped.clear();
-        make_room();
     }
+}
+
+void EventLoop::go_round() {
+    epoll_event happened[most_events];
+    const int count = epoll_wait(epoll.get(), happened, most_events, ready.empty() ? longest_wait : 0);
+    note_time();
+    const std::vector<Guest*> waiting = std::move(ready);
+    ready.clear();
+    for (Guest* const guest : waiting) {
+        guest->is_ready = false;
+        if (server_running && !guest->is_dropped) give_turn(*guest);
+    }
+    for (int index = 0; index < count && server_running; ++index) {
+        Guest* const guest = static_cast<Guest*>(happened[index].data.ptr);
+        if (guest == nullptr) {
+            accept_connections();
+        } else if (!guest->is_dropped) {
+            give_turn(*guest);
+        }
+    }
+    drop_overdue();
+    // Before the next wait: what was answered is never in memory alone.
+    if (!work.log_lines.empty()) access_log->append(work.log_lines);
+    work.log_lines.clear();
+    dropped.clear();
+    make_room();
 }
 
 void EventLoop::accept_connections() {
@@ -235,9 +243,10 @@ void EventLoop::note_time() {
     now = std::chrono::steady_clock::now();
     const std::time_t second = std::time(nullptr);
     if (second == work.moment.now) return;
-    work.moment = {second, http_date(second)};
+    work.moment.date = http_date(second);
     std::tm local{};
     localtime_r(&second, &local);
     char text[64];
     work.log_time.assign(text, std::strftime(text, sizeof text, "%d/%b/%Y:%H:%M:%S %z", &local));
+    work.moment.now = second;  // last: without memory the next round tries again
 }

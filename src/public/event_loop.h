@@ -27,6 +27,7 @@ class EventLoop {
     struct Guest;
     using Guests = std::list<Guest>;
 
+    void go_round();
     void accept_connections();
     void receive(Descriptor socket, const Address& address);
     void refuse_without_descriptors();
