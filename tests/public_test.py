@@ -529,9 +529,8 @@ class Public(unittest.TestCase):
         clients = [self.client(daemon, "http", f"127.0.1.{number % 20}") for number in range(200)]
         for server in SERVERS:
             self.assertEqual(daemon.ask(server)[0], 200)
-        older, younger = (sum(map(Client.has_ended, half)) for half in (clients[:100], clients[100:]))
-        self.assertGreater(older, younger)
         self.assertEqual(clients[-1].ask()[0], 200)
+        wait_until(lambda: sum(map(Client.has_ended, clients)) >= 200 - (256 - 64) // 2)
 
     def test_speaks_tls(self):
         daemon = self.start()
