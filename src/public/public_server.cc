@@ -13,6 +13,7 @@
 #include <cstring>
 #include <exception>
 #include <memory>
+#include <new>
 #include <optional>
 #include <stdexcept>
 #include <thread>
@@ -106,8 +107,12 @@ class PublicServer {
         for (const auto& loop : loops) start(*loop);
         for (unsigned pauses = 1; server_running; ++pauses) {
             std::this_thread::sleep_for(pause_length);
-            if (pauses % pauses_until_files == 0) look_at_files();
-            if (pauses % pauses_until_certificates == 0) look_at_certificates();
+            try {
+                if (pauses % pauses_until_files == 0) look_at_files();
+                if (pauses % pauses_until_certificates == 0) look_at_certificates();
+            } catch (const std::bad_alloc&) {
+                // The next look may find memory.
+            }
         }
     }
 

@@ -5,6 +5,7 @@
 #include <openssl/ssl.h>
 #include <sys/stat.h>
 
+#include <exception>
 #include <stdexcept>
 #include <string_view>
 #include <utility>
@@ -88,8 +89,8 @@ bool TlsContexts::renew() {
         std::shared_ptr<SSL_CTX> renewed = make_public_context();
         const std::lock_guard guard(lock);
         context.swap(renewed);
-    } catch (const std::runtime_error&) {
-        has_failed_before = true;  // the next attempt may have more luck, for instance with descriptors
+    } catch (const std::exception&) {
+        has_failed_before = true;  // the next attempt may have more luck, for instance with descriptors or memory
         if (is_changed) throw;
         return false;
     }
